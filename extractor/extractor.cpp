@@ -1,0 +1,1 @@
+#include "extractor/extractor.h"

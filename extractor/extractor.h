@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+struct archive;
+
+// Counts, lists and extracts a package archive below a target folder, with progress.
+class Extractor {
+public:
+    Extractor();
+    ~Extractor();
+    void SetTarget(const std::string& target);
+    void SetSource(const std::string& source);
+    int Count();
+    int List();
+    int Extract();
+    int copy_data(struct archive* reader, struct archive* writer);
+
+private:
+    std::string source;
+    std::string target;
+};

@@ -1,0 +1,1 @@
+#include "launcher/notify-adapter.h"

@@ -1,0 +1,1 @@
+#include "launcher/str-table.h"

@@ -1,0 +1,1 @@
+#include "lib/desktop/single-application.h"

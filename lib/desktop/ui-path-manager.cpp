@@ -1,0 +1,1 @@
+#include "lib/desktop/ui-path-manager.h"

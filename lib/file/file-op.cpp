@@ -1,0 +1,1 @@
+#include "lib/file/file-op.h"

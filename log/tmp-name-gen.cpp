@@ -1,0 +1,1 @@
+#include "log/tmp-name-gen.h"

@@ -1,0 +1,1 @@
+#include "service/cloud-service.h"

@@ -1,0 +1,1 @@
+#include "service/config.h"

@@ -1,0 +1,1 @@
+#include "service/linux/linux-service.h"
