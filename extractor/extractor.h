@@ -17,6 +17,9 @@ public:
     int copy_data(struct archive* reader, struct archive* writer);
 
 private:
+    // The entry loop of Extract: 0 at the end of the archive, -1 at the first failure.
+    int UnpackEntries(struct archive* reader, struct archive* writer, int total);
+
     std::string source;
     std::string target;
 };
