@@ -37,6 +37,33 @@ public:
                         va_list args);
     static void LogMsg3(Level level, const std::string& component, std::stringstream& message,
                         ConfigFlag flags);
+
+private:
+    static int InitializeLock();
+    static void DestroyLock();
+    static void Lock();
+    static void Unlock();
+    static int InitializeFileLock();
+    static int InitializeSharedData();
+    static void DestroySharedData();
+    static void ReloadLogFile();
+    static int Rotate();
+    static int RotateIfFileBig(int written);
+    static int GetFileSize(const std::string& path);
+    static int PrintToFilePointer(const char* format, ...) __attribute__((format(printf, 1, 2)));
+    static int PrintToFilePointerV(const char* format, va_list args);
+    static int FlushFileStream(int written);
+
+    static bool log_initialized;
+    static int log_flock;
+    static InitConfig config;
+    static FILE* log_fp;
+    static std::string log_path;
+    static int32_t* log_size;                   // characters in the live file; -1 for streams
+    static uint64_t* log_rotated_count_shared;  // rotations seen by every writer
+    static uint64_t log_rotated_count_private;  // rotations this writer has caught up with
+    static pthread_mutex_t* log_lock;
+    static std::unordered_map<std::string, int> log_level;
 };
 
 extern "C" void LogMSG_c(int level, const char* component, const char* format, va_list args);
@@ -47,7 +74,8 @@ extern "C" void LogMSG_c(int level, const char* component, const char* format, v
 constexpr const char* LogBaseName(const char* path) {
     const char* base = path;
     for (const char* p = path; *p; ++p) {
-        if (*p == '/') base = p + 1;
+        if (*p == '/')
+            base = p + 1;
     }
     return base;
 }
@@ -55,14 +83,13 @@ constexpr const char* LogBaseName(const char* path) {
 // The one way every module writes a line: ask the level table first, format only then.
 // LEVEL is ERROR, WARNING, NOTE, INFO or DEBUG; its name is also the line's tag. The line
 // number is part of the output, so a call site may give a fixed one.
-#define LOG_AT(LEVEL, component, line, fmt, ...)                                              \
-    do {                                                                                       \
-        if (Logger::IsNeedToLog(Logger::LEVEL, component)) {                                  \
-            Logger::LogMsg(Logger::LEVEL, component, "(%5d:%5d) [" #LEVEL "] %s(%d): " fmt,   \
-                           static_cast<int>(getpid()),                                         \
-                           static_cast<int>(pthread_self() % 100000), LogBaseName(__FILE__), \
-                           static_cast<int>(line), ##__VA_ARGS__);                            \
-        }                                                                                      \
+#define LOG_AT(LEVEL, component, line, fmt, ...)                                                  \
+    do {                                                                                          \
+        if (Logger::IsNeedToLog(Logger::LEVEL, component)) {                                      \
+            Logger::LogMsg(Logger::LEVEL, component, "(%5d:%5d) [" #LEVEL "] %s(%d): " fmt,       \
+                           static_cast<int>(getpid()), static_cast<int>(pthread_self() % 100000), \
+                           LogBaseName(__FILE__), static_cast<int>(line), ##__VA_ARGS__);         \
+        }                                                                                         \
     } while (0)
 
 #define LOG_HERE(LEVEL, component, fmt, ...) LOG_AT(LEVEL, component, __LINE__, fmt, ##__VA_ARGS__)
