@@ -8,3 +8,7 @@ public:
     static VeskLocale* getInstance();
     QString getDefaultLanguage();
 };
+
+// The three-letter code of a locale name such as "de_DE.UTF-8", "pt-BR" or "zh_TW";
+// "enu" for anything the client is not translated into.
+QString VeskLanguageCode(const QString& locale_name);
