@@ -1,1 +1,721 @@
 #include "lib/file/file-op.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "log/log.h"
+#include "log/tmp-name-gen.h"
+
+namespace {
+
+const char kComponent[] = "file_op_debug";
+
+// File-system magic numbers the probes recognise.
+const uint32_t kNfsMagic = 0x6969;
+const uint32_t kSmbMagic = 0xFF534D42;
+const uint32_t kFuseMagic = 0x65735546;
+const uint32_t kMsdosMagic = 0x4D44;
+
+// Largest piece handed to the kernel's in-file-system copy in one call.
+const size_t kKernelCopyChunk = 1u << 30;
+// Buffer of the read/write loop, taken from the heap once per copy; the small stack buffer is
+// the fallback when the heap has nothing to give.
+const size_t kCopyBuffer = 256 * 1024;
+const size_t kSmallCopyBuffer = 8192;
+
+}  // namespace
+
+// Logs a line of this layer. The level table is asked first (inside LOG_AT), so a suppressed
+// line costs no formatting, and errno is given back afterwards: callers read the reason of a
+// failure from it, whatever the logger's own calls did.
+#define FS_LOG_AT(LEVEL, line, fmt, ...)                     \
+    do {                                                     \
+        const int fs_saved_errno = errno;                    \
+        LOG_AT(LEVEL, kComponent, line, fmt, ##__VA_ARGS__); \
+        errno = fs_saved_errno;                              \
+    } while (0)
+#define FS_LOG(LEVEL, fmt, ...) FS_LOG_AT(LEVEL, __LINE__, fmt, ##__VA_ARGS__)
+
+namespace {
+
+// Type code of a mode word, or -1 for type bits the layer does not know.
+int TypeFromMode(uint32_t mode) {
+    const uint32_t kind = mode & 0xF000;
+    if (kind == 0x8000)
+        return 1;
+    if (kind == 0x4000)
+        return 2;
+    if ((mode & 0xB000) == 0x2000)
+        return 5;  // character and block devices
+    if (kind == 0xA000)
+        return 3;
+    if (kind == 0x1000)
+        return 6;
+    if (kind == 0xC000)
+        return 7;
+    return -1;
+}
+
+// True when the path, followed through links, is a folder.
+bool IsFolderFollowed(const char* path) {
+    struct stat st;
+    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Closes a descriptor without disturbing the errno a failure left behind.
+void CloseKeepErrno(int fd) {
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+}
+
+// Type of a file-system, or false when the system cannot tell (errno set).
+bool FileSystemType(const std::string& path, uint32_t& type) {
+    struct statfs sfs;
+    if (statfs(path.c_str(), &sfs) != 0)
+        return false;
+    type = static_cast<uint32_t>(sfs.f_type);
+    return true;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// File information and probes
+
+_FILE_INFO_tag::_FILE_INFO_tag()
+    : type(0), mtime(0), size(0), exists(false), uid(0), gid(0), mode(0), dev(0) {}
+
+bool operator==(const _FILE_INFO_tag& a, const _FILE_INFO_tag& b) {
+    // Owner, mode and device are left out on purpose: a copy made by another user is the
+    // same file to us.
+    return a.exists == b.exists && a.size == b.size && a.mtime == b.mtime && a.type == b.type &&
+           a.path == b.path && a.name == b.name;
+}
+
+bool operator!=(const _FILE_INFO_tag& a, const _FILE_INFO_tag& b) {
+    return !(a == b);
+}
+
+std::string FSParentPath(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos || slash == 0)
+        return "/";
+    return path.substr(0, slash);
+}
+
+std::string FSBaseName(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return path;
+    return path.substr(slash + 1);
+}
+
+int GetFileInfo(const std::string& path, _FILE_INFO_tag& info) {
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) {
+        if (errno != ENOENT)
+            return -1;
+        // A missing path is an answer, not a failure.
+        info.exists = false;
+        info.name = FSBaseName(path);
+        info.path = path;
+        info.type = 0;
+        info.mtime = 0;
+        info.size = 0;
+        info.uid = 0;
+        info.gid = 0;
+        info.mode = 0;
+        info.dev = 0;
+        return 0;
+    }
+    info.exists = true;
+    // Only the low 32 bits fit the record; later times wrap.
+    info.mtime = static_cast<int32_t>(static_cast<uint32_t>(st.st_mtime));
+    info.name = FSBaseName(path);
+    info.path = path;
+    info.size = st.st_size;
+    info.uid = st.st_uid;
+    info.gid = st.st_gid;
+    info.mode = st.st_mode;
+    info.dev = st.st_dev;
+    const int type = TypeFromMode(st.st_mode);
+    if (type < 0)
+        return -1;
+    info.type = type;
+    return 0;
+}
+
+int FSStat(const std::string& path, _FILE_INFO_tag& info, bool /*follow: links never followed*/) {
+    if (path.empty())
+        return -1;
+    return GetFileInfo(path, info) == 0 ? 0 : -2;
+}
+
+bool IsFileExist(const std::string& path, bool /*follow: links never followed*/) {
+    if (path.empty())
+        return false;
+    _FILE_INFO_tag info;
+    if (GetFileInfo(path, info) < 0)
+        return false;
+    return info.exists;
+}
+
+int FSUTime(const std::string& path, long atime, long mtime) {
+    struct timeval times[2];
+    times[0].tv_sec = atime;
+    times[0].tv_usec = 0;
+    times[1].tv_sec = mtime;
+    times[1].tv_usec = 0;
+    return lutimes(path.c_str(), times) == 0 ? 0 : -1;
+}
+
+bool FSTimeEqual(long a, long b) {
+    return a == b;
+}
+
+bool isFileLocked(const std::string& path, int mode) {
+    if (access(path.c_str(), mode) == 0)
+        return false;
+    return errno == EPERM || errno == EACCES;
+}
+
+bool hasFilePermission(const std::string& path, int mode) {
+    return !isFileLocked(path, mode);
+}
+
+bool isMountPoint(const std::string& path) {
+    uint32_t type = 0;
+    if (!FileSystemType(path, type)) {
+        const int err = errno;
+        FS_LOG_AT(ERROR, 880, "isMountPoint: Failed to get file system info '%s'. %s\n",
+                  path.c_str(), strerror(err));
+        return false;
+    }
+    return type == kNfsMagic || type == kSmbMagic || type == kFuseMagic;
+}
+
+bool IsMSDOS(const std::string& path) {
+    uint32_t type = 0;
+    if (!FileSystemType(path, type)) {
+        const int err = errno;
+        FS_LOG_AT(ERROR, 909, "IsSupportLargeFile: Failed to get file system info '%s'. %s\n",
+                  path.c_str(), strerror(err));
+        return false;
+    }
+    if (type != kMsdosMagic)
+        return false;
+    FS_LOG_AT(WARNING, 923, "Detect a MSDOS platform for path '%s'.\n", path.c_str());
+    return true;
+}
+
+int FSGetRealPath(std::string& path) {
+    FS_LOG_AT(DEBUG, 933, " org path [%s]\n", path.c_str());
+    char resolved[8192];
+    if (realpath(path.c_str(), resolved) == nullptr)
+        return -1;
+    path = resolved;
+    FS_LOG_AT(DEBUG, 960, " get full path [%s]\n", path.c_str());
+    return 0;
+}
+
+bool FSIsParentFolder(const std::string& parent, const std::string& child) {
+    // Text only: nothing is resolved, so "/a/" is no parent of "/a/b".
+    if (parent.size() > child.size())
+        return false;
+    if (child.size() > parent.size() && child[parent.size()] != '/')
+        return false;
+    return child.compare(0, parent.size(), parent) == 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Directories
+
+DIR_HANDLE::DIR_HANDLE() : flags(0), dir(nullptr) {}
+
+// The owner closes the stream with FSCloseDir; the handle only lets go of its path.
+DIR_HANDLE::~DIR_HANDLE() {}
+
+DIR_ENTRY::DIR_ENTRY() {
+    Clear();
+}
+
+void DIR_ENTRY::Clear() {
+    name.clear();
+    type = 0;
+    mtime = 0;
+    size = 0;
+}
+
+namespace {
+
+// One level of a recursive creation. Returns false with errno set when the walk must stop.
+bool MakeLevel(const char* prefix, bool last) {
+    struct stat st;
+    if (stat(prefix, &st) != 0) {
+        // Missing (or not even readable: mkdir then says why).
+        if (mkdir(prefix, 0777) == 0)
+            return true;
+        const int err = errno;
+        // Someone else made it meanwhile: fine.
+        if (err == EEXIST && IsFolderFollowed(prefix))
+            return true;
+        errno = err;
+        return false;
+    }
+    if (S_ISDIR(st.st_mode))
+        return true;
+    if (!last) {
+        // The wording predates this check; the creation of the next level reports the failure.
+        FS_LOG_AT(INFO, 128, "FSMKDirP: path: %s is symbolic link pointed to folder\n", prefix);
+        return true;
+    }
+    errno = EEXIST;
+    FS_LOG_AT(INFO, 133, "FSMKDirP: path: %s is existing file or symbolic link pointed to file\n",
+              prefix);
+    return false;
+}
+
+// Creates every level of path from the left; 0 or -2.
+int MakeFolderChain(const std::string& path) {
+    std::string chain(path);
+    const size_t length = chain.size();
+    bool done = false;
+    // A leading "/" is the root, not a separator; a trailing one ends the walk.
+    for (size_t i = 1; i < length && !done; ++i) {
+        if (chain[i] != '/')
+            continue;
+        const bool last = (i == length - 1);
+        chain[i] = '\0';
+        const bool ok = MakeLevel(chain.c_str(), last);
+        chain[i] = '/';
+        if (!ok) {
+            const int err = errno;
+            FS_LOG_AT(ERROR, 570, "path = %s errno : %s\n", path.c_str(), strerror(err));
+            return -2;
+        }
+        done = last;
+    }
+    if (!done && !MakeLevel(chain.c_str(), true)) {
+        const int err = errno;
+        FS_LOG_AT(ERROR, 570, "path = %s errno : %s\n", path.c_str(), strerror(err));
+        return -2;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int FSMKDir(const std::string& path, bool recursive) {
+    if (path.empty())
+        return -1;
+    _FILE_INFO_tag info;
+    if (GetFileInfo(path, info) != 0) {
+        FS_LOG_AT(ERROR, 553, "FSMKDir: Failed to to file info '%s'\n", path.c_str());
+        return -1;
+    }
+    if (info.exists) {
+        if (info.type == 2)
+            return 0;
+        // A link to a folder is refused too: the caller asked for a real folder.
+        FS_LOG_AT(ERROR, 560,
+                  "FSMKDir: Create a folder but local file system is not directory '%s' (%d)\n",
+                  path.c_str(), info.type);
+        return -1;
+    }
+    if (recursive)
+        return MakeFolderChain(path);
+
+    if (mkdir(path.c_str(), 0777) == 0)
+        return 0;
+    const int err = errno;
+    if (err == EEXIST && IsFolderFollowed(path.c_str()))
+        return 0;
+    FS_LOG_AT(ERROR, 583, "path = %s errno : %s\n", path.c_str(), strerror(err));
+    errno = err;
+    return -2;
+}
+
+int FSMKDirFromRoot(const std::string& target, const std::string& root) {
+    if (root.size() > target.size()) {
+        FS_LOG_AT(ERROR, 604, "Giving a root '%s' whose length is larger then target's '%s'.\n",
+                  root.c_str(), target.c_str());
+        return -1;
+    }
+    if (!FSIsParentFolder(root, target)) {
+        FS_LOG_AT(ERROR, 609, "root '%s' is not a parent folder of target '%s'\n", root.c_str(),
+                  target.c_str());
+        return -1;
+    }
+    const std::string rest = target.substr(root.size());
+    std::string current;
+    while (current != rest) {
+        const size_t slash = rest.find('/', current.size() + 1);
+        current = (slash == std::string::npos) ? rest : rest.substr(0, slash);
+        FS_LOG_AT(DEBUG, 618, "FSMKDirFromRoot: create %s\n", current.c_str());
+        if (FSMKDir(root + current, false) < 0)
+            return -1;
+    }
+    return 0;
+}
+
+int FSRemove(const std::string& path, bool /*flag: has no effect*/) {
+    if (path.empty())
+        return -1;
+    _FILE_INFO_tag info;
+    if (GetFileInfo(path, info) != 0)
+        return -1;
+    if (!info.exists)
+        return 0;
+    if (info.type != 2)
+        return unlink(path.c_str()) == 0 ? 0 : -3;
+
+    // A link to a folder has type 3 and went above: its target is never entered.
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr)
+        return 0;  // unopenable folders are left alone on purpose
+    int result = 0;
+    while (const struct dirent* entry = readdir(dir)) {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
+            continue;
+        if (FSRemove(path + "/" + entry->d_name, false) != 0) {
+            result = -3;
+            break;
+        }
+    }
+    closedir(dir);
+    if (result != 0)
+        return result;
+    return rmdir(path.c_str()) == 0 ? 0 : -3;
+}
+
+int FSOpenDir(const std::string& path, int flags, DIR_HANDLE& handle) {
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr) {
+        const int err = errno;
+        FS_LOG_AT(ERROR, 752, "FSOpenDir: Failed to open directory '%s'. %s\n", path.c_str(),
+                  strerror(err));
+        return -1;
+    }
+    handle.dir = dir;
+    handle.path = path;
+    handle.flags = flags;
+    return 0;
+}
+
+int FSReadDir(DIR_HANDLE& handle, DIR_ENTRY& entry) {
+    const struct dirent* listed = readdir(handle.dir);
+    if (listed == nullptr)
+        return 0;  // end of the listing, or a read error: both end it
+
+    int32_t mtime = 0;
+    int64_t size = 0;
+    if (handle.flags & 1) {
+        const std::string full = handle.path + "/" + listed->d_name;
+        _FILE_INFO_tag info;
+        if (FSStat(full, info, true) != 0) {
+            FS_LOG_AT(ERROR, 780, "FSOpenDir: Failed to get info for '%s'\n", full.c_str());
+            return -1;
+        }
+        mtime = info.mtime;
+        size = info.size;
+    }
+    entry.mtime = mtime;
+    entry.size = size;
+    entry.name = listed->d_name;
+    // The type the listing reports, never the information call's.
+    switch (listed->d_type) {
+        case DT_FIFO:
+            entry.type = 6;
+            break;
+        case DT_CHR:
+        case DT_BLK:
+            entry.type = 5;
+            break;
+        case DT_DIR:
+            entry.type = 2;
+            break;
+        case DT_REG:
+            entry.type = 1;
+            break;
+        case DT_LNK:
+            entry.type = 3;
+            break;
+        case DT_SOCK:
+            entry.type = 7;
+            break;
+        default:
+            entry.type = 0;
+            break;
+    }
+    return 1;
+}
+
+void FSCloseDir(DIR_HANDLE& handle) {
+    if (handle.dir != nullptr)
+        closedir(handle.dir);
+    handle.dir = nullptr;
+    handle.path.clear();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Copy and rename
+
+namespace {
+
+// Writes the whole block, repeating on short counts. Returns false with errno set on a failure.
+bool WriteAll(int fd, const char* data, size_t length) {
+    while (length > 0) {
+        const ssize_t written = write(fd, data, length);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        data += written;
+        length -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+// Moves the bytes from in to out: 0, -1 after a read or write failure, -2 on a full disk
+// or an exhausted quota. Failures are logged here.
+int CopyContents(int in, int out) {
+    // Let the kernel move the pages while it can: no copy through user space and no buffer.
+    // Whatever stops it (end of file, a pair of file systems or a device it cannot serve, a
+    // real failure) hands over to the read/write loop below at the current offsets, which
+    // decides and reports exactly as a plain copy would. Some pseudo-files report an early
+    // end here, so the end is always confirmed by read().
+    const int saved = errno;
+    while (copy_file_range(in, nullptr, out, nullptr, kKernelCopyChunk, 0) > 0) {
+    }
+    errno = saved;
+
+    std::unique_ptr<char[]> heap(new (std::nothrow) char[kCopyBuffer]);
+    char small[kSmallCopyBuffer];
+    char* buffer = heap ? heap.get() : small;
+    const size_t capacity = heap ? kCopyBuffer : kSmallCopyBuffer;
+    for (;;) {
+        const ssize_t got = read(in, buffer, capacity);
+        if (got < 0) {
+            const int err = errno;
+            if (err == EINTR)
+                continue;
+            FS_LOG(ERROR, "CopyFile: read: %s (%d)\n", strerror(err), err);
+            return -1;
+        }
+        if (got == 0)
+            return 0;
+        if (!WriteAll(out, buffer, static_cast<size_t>(got))) {
+            const int err = errno;
+            FS_LOG(ERROR, "CopyFile: write: %s (%d)\n", strerror(err), err);
+            return (err == ENOSPC || err == EDQUOT) ? -2 : -1;
+        }
+    }
+}
+
+void LogOpenFailure(const std::string& path) {
+    const int err = errno;
+    FS_LOG(ERROR, "CopyFile: open(%s): %s (%d)\n", path.c_str(), strerror(err), err);
+}
+
+}  // namespace
+
+int FSCopy(const std::string& source, const std::string& dest, bool remove_source, bool keep_mode) {
+    // A link is followed: its target's bytes are copied.
+    const int in = open(source.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) {
+        LogOpenFailure(source);
+        return -1;
+    }
+    mode_t mode = 0644;
+    if (keep_mode) {
+        // The information is the link's own, so a link source gives its 0777 bits.
+        _FILE_INFO_tag info;
+        if (FSStat(source, info, true) != 0) {
+            FS_LOG(ERROR, "FSStat: check state (%s) failed\n", source.c_str());
+            CloseKeepErrno(in);
+            return -1;
+        }
+        mode = static_cast<mode_t>(info.mode);
+    }
+    const int out = open(dest.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (out < 0) {
+        LogOpenFailure(dest);
+        CloseKeepErrno(in);
+        return -1;
+    }
+    // A failed copy leaves the partial destination where it is: the caller decides.
+    const int copied = CopyContents(in, out);
+    if (copied != 0 || !remove_source) {
+        CloseKeepErrno(in);
+        CloseKeepErrno(out);
+        return copied;
+    }
+    close(in);
+    const int removed = remove(source.c_str());
+    CloseKeepErrno(out);
+    return removed == 0 ? 0 : -1;
+}
+
+namespace {
+
+// Moves a folder's contents one by one to another device, then the folder itself.
+int MoveFolderAcross(const std::string& source, const std::string& dest, bool follow) {
+    if (FSMKDir(dest, true) != 0)
+        return -3;
+    DIR* dir = opendir(source.c_str());
+    if (dir == nullptr)
+        return -3;
+    int result = 0;
+    while (const struct dirent* entry = readdir(dir)) {
+        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
+            continue;
+        const std::string name = entry->d_name;
+        // No roll-back: what moved stays moved.
+        if (FSRename(source + "/" + name, dest + "/" + name, follow) != 0) {
+            result = -3;
+            break;
+        }
+    }
+    const int saved = errno;
+    closedir(dir);
+    errno = saved;
+    if (result != 0)
+        return result;
+    return rmdir(source.c_str()) == 0 ? 0 : -3;
+}
+
+}  // namespace
+
+int FSRename(const std::string& source, const std::string& dest, bool follow) {
+    if (source.empty() || dest.empty())
+        return -1;
+    _FILE_INFO_tag info;
+    if (FSStat(source, info, follow) != 0 || !info.exists)
+        return -2;
+    if (rename(source.c_str(), dest.c_str()) == 0)
+        return 0;
+    const int err = errno;
+    if (err == ENAMETOOLONG)
+        return -100;
+    if (err != EXDEV)
+        return -3;
+
+    // The error text is passed in, so nothing the logger does can change it.
+    FS_LOG(DEBUG, "rename failed: %s -> %s, %s (%d)\n", source.c_str(), dest.c_str(), strerror(err),
+           err);
+    switch (info.type) {
+        case 1:
+            // Copied with 0644 whatever the source had: the execute bits do not survive.
+            return FSCopy(source, dest, true, false) < 0 ? -3 : 0;
+        case 2:
+            return MoveFolderAcross(source, dest, follow);
+        default:
+            // Links, devices, FIFOs and sockets never move across devices.
+            errno = err;
+            return -3;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Temporary files, sync, links, ownership
+
+int FSMktemp(const std::string& dir, std::string& out_path) {
+    char name[4096];
+    snprintf(name, sizeof(name), "%s/XXXXXX", dir.c_str());
+    const int fd = mkostemp(name, O_CLOEXEC);
+    if (fd < 0) {
+        const int err = errno;
+        FS_LOG(ERROR, "mkstemp(%s): %s\n", name, strerror(err));
+        return -1;
+    }
+    close(fd);
+    out_path = name;
+    chmod(name, 0644);
+    return 0;
+}
+
+int FSCreateTempPath(const std::string& dir, std::string& out_path) {
+    out_path = TmpNameGen::getInstance().getTmpPath(dir);
+    return out_path.empty() ? -1 : 0;
+}
+
+int FSFsync(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        const int err = errno;
+        if (err == ENOENT)
+            return 1;
+        FS_LOG(ERROR, "FSFsync: open(%s): %s (%d)\n", path.c_str(), strerror(err), err);
+        return -1;
+    }
+    if (fsync(fd) != 0) {
+        const int err = errno;
+        FS_LOG(ERROR, "FSFsync: fsync(%s): %s (%d)\n", path.c_str(), strerror(err), err);
+        CloseKeepErrno(fd);
+        return -1;
+    }
+    close(fd);
+    return 0;
+}
+
+int FSCreateSymbolicLink(const std::string& target, const std::string& link_path) {
+    if (symlink(target.c_str(), link_path.c_str()) == 0)
+        return 0;
+    const int err = errno;
+    FS_LOG(ERROR,
+           "FSCreateSymbolicLink: Failed to create symbolic link '%s' -> '%s' (code: %d, msg: "
+           "%s)\n",
+           target.c_str(), link_path.c_str(), err, strerror(err));
+    return -1;
+}
+
+int FSReadSymbolicLink(const std::string& link_path, std::string& out_target) {
+    const int kLinkBuffer = 4096;
+    char contents[kLinkBuffer] = {};
+    const ssize_t length = readlink(link_path.c_str(), contents, sizeof(contents));
+    if (length < 0) {
+        const int err = errno;
+        FS_LOG(ERROR, "FSReadSymbolicLink: Failed to read symbolic link '%s' (code: %d, msg: %s)\n",
+               link_path.c_str(), err, strerror(err));
+        return -1;
+    }
+    if (length >= kLinkBuffer) {
+        // The contents may have been cut.
+        FS_LOG(ERROR, "FSReadSymbolicLink: path of '%s' is more than %d\n", link_path.c_str(),
+               kLinkBuffer);
+        return -1;
+    }
+    out_target.assign(contents, static_cast<size_t>(length));
+    return 0;
+}
+
+int FSChown(const std::string& path, uint32_t uid, uint32_t gid) {
+    // Relative paths resolve against descriptor 0: callers pass absolute paths only.
+    if (fchownat(0, path.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) == 0)
+        return 0;
+    const int err = errno;
+    FS_LOG(ERROR, "FSChown: Failed to chown '%s' (code: %d, msg: %s)\n", path.c_str(), err,
+           strerror(err));
+    return -1;
+}
+
+int FSChmod(const std::string& path, uint32_t mode) {
+    if (chmod(path.c_str(), mode) == 0)
+        return 0;
+    const int err = errno;
+    FS_LOG(ERROR, "FSChmod: Failed to chmod '%s' (code: %d, msg: %s)\n", path.c_str(), err,
+           strerror(err));
+    return -1;
+}
