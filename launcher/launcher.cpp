@@ -1,1 +1,154 @@
 #include "launcher/launcher.h"
+
+#include <QApplication>
+#include <QCoreApplication>
+#include <QFont>
+#include <QIcon>
+
+#include <limits>
+
+#include "launcher/notify-adapter.h"
+#include "launcher/str-table.h"
+#include "lib/desktop/dpi-info.h"
+#include "lib/desktop/ui-path-manager.h"
+#include "log/log.h"
+#include "service/linux/linux-service.h"
+
+namespace {
+
+const char kComponent[] = "launcher_debug";
+
+// Ids of the string-table rows the launcher shows.
+const int kStrReady = 54;          // "%1 is ready."
+const int kStrClientName = 531;    // "Corvane Quarn Client"
+const int kStrInitializing = 716;  // "%1 is initializing..."
+
+}  // namespace
+
+// The connections are made in this order so that the worker's own reports and the
+// extractor's (through the adapter) all land on the GUI thread, queued.
+Launcher::Launcher() {
+    worker = new Worker();
+    dialog = new ProcessingProgressDialog();
+    dialog->setCancelButton(nullptr);
+    dialog->setAutoReset(false);
+    dialog->setModal(false);
+
+    // clang-format off
+    connect(this, SIGNAL(sigStart()), worker, SLOT(HandleServicce()));
+    connect(worker, SIGNAL(sigShowMsg()), this, SLOT(ShowMsgBox()));
+    connect(worker, SIGNAL(sigServiceDone()), this, SLOT(LaunchDone()));
+    connect(worker, SIGNAL(sigUpdateProgress(int, int)), this, SLOT(UpdateProgress(int, int)));
+    connect(worker, SIGNAL(sigSetLabelText(QString)), this, SLOT(SetLabelText(QString)));
+
+    connect(Notify_Adapter::GetInstance(), SIGNAL(sigUpdateProgress(int, int)), this, SLOT(UpdateProgress(int,int)));
+    connect(Notify_Adapter::GetInstance(), SIGNAL(sigUpdateDialogText(QString)), this, SLOT(SetLabelText(QString)));
+    // clang-format on
+}
+
+Launcher::~Launcher() {
+    delete worker;
+    delete dialog;
+}
+
+void Launcher::Run() {
+    worker->StartThread();
+}
+
+void Launcher::Start() {
+    emit sigStart();
+}
+
+// Truncated integer percentage, as the bar shows whole steps only.
+void Launcher::UpdateProgress(int total, int steps) {
+    dialog->setValue(steps * 100 / total);
+}
+
+void Launcher::SetLabelText(QString text) {
+    dialog->setLabelText(text);
+}
+
+void Launcher::ShowMsgBox() {
+    dialog->show();
+}
+
+void Launcher::LaunchDone() {
+    dialog->setValue(100);
+    dialog->hide();
+    worker->QuitThread();
+    worker->JoinThread();
+    QCoreApplication::quit();
+}
+
+void HandlerThread::run() {
+    exec();
+}
+
+Worker::Worker() : thread(nullptr), service(nullptr), state(0), retries(3) {
+    service = new LinuxService();
+    thread = new HandlerThread();
+    moveToThread(thread);
+}
+
+Worker::~Worker() {
+    delete thread;
+    delete service;
+}
+
+void Worker::StartThread() {
+    thread->start(QThread::InheritPriority);
+}
+
+void Worker::QuitThread() {
+    thread->quit();
+}
+
+void Worker::JoinThread() {
+    thread->wait();
+}
+
+// One login's sequence; the client is started whatever the upgrade did, so the user always
+// gets the copy that is there.
+void Worker::HandleServicce() {
+    LOG_AT(DEBUG, kComponent, 92, "running\n");
+    service->PreUpgrade();
+    if (!service->IsNeedUpgrade()) {
+        LOG_AT(DEBUG, kComponent, 97, "no need to upgrade\n");
+    } else {
+        emit sigShowMsg();
+        if (service->HandlePackageUpgrade() == 0) {
+            emit sigUpdateProgress(100, 100);
+            emit sigSetLabelText(
+                StrTable::LoadStr(kStrReady).arg(StrTable::LoadStr(kStrClientName), 0, ' '));
+        } else {
+            LOG_AT(ERROR, kComponent, 104, "Failed to upgrade package\n");
+        }
+    }
+    service->RemoveAgedFolders();
+    service->PostUpgrade();
+    LOG_AT(DEBUG, kComponent, 120, "done\n");
+    emit sigServiceDone();
+}
+
+ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr) {
+    const QFont font = QApplication::font();
+    const QString icon_path =
+        UIPathManager::getInstance()->getPath("root_resource_path") + "/images/ico_72_nimbrel.png";
+    setWindowTitle(StrTable::LoadStr(kStrClientName));
+    setWindowIcon(QIcon(icon_path));
+    // Title and system menu only: no minimise or maximise button.
+    setWindowFlags(Qt::WindowTitleHint | Qt::WindowSystemMenuHint);
+    setValue(0);
+    setRange(0, 100);
+    // The dialog appears only when an upgrade starts (ShowMsgBox), never by its own timer:
+    // a start script that runs long on an up-to-date login must not make it pop up.
+    setMinimumDuration(std::numeric_limits<int>::max());
+    setLabelText(
+        StrTable::LoadStr(kStrInitializing).arg(StrTable::LoadStr(kStrClientName), 0, ' '));
+    setFont(font);
+    setModal(true);
+    setWindowModality(Qt::WindowModal);
+    setFixedWidth(static_cast<int>(DPIinfo::getInstance()->getDPI() * 400.0));
+    setStyleSheet(DPIinfo::getInstance()->getScaledStyleSheet(
+        "QProgressDialog { background-color: WhiteSmoke; vertical-align: middle; }"));
+}

