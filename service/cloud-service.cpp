@@ -1,1 +1,262 @@
 #include "service/cloud-service.h"
+
+#include <QDir>
+#include <QProcessEnvironment>
+#include <QSettings>
+#include <QStringList>
+
+#include <cstdio>
+
+#include "extractor/extractor.h"
+#include "lib/desktop/ui-path-manager.h"
+#include "lib/file/file-op.h"
+#include "log/log.h"
+
+namespace {
+
+const char* const kComponent = "service_debug";
+
+// Names of folder entries that a walk skips.
+bool IsDotEntry(const std::string& name) {
+    return name == "." || name == "..";
+}
+
+// A path-table value as the narrow string the file layer takes.
+std::string PathOf(const char* key) {
+    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toUtf8().toStdString();
+}
+
+// A path in the system's own separators, as a narrow string.
+std::string NativePath(const QString& path) {
+    return QDir::toNativeSeparators(path).toUtf8().toStdString();
+}
+
+bool IsUOSDesktop() {
+    const QString desktop = QProcessEnvironment::systemEnvironment().value(
+        QStringLiteral("XDG_CURRENT_DESKTOP"), QStringLiteral("ubuntu:GNOME"));
+    LOG_AT(DEBUG, kComponent, 25, "Current Desktop is %s\n", desktop.toUtf8().constData());
+    return desktop == QLatin1String("Deepin");
+}
+
+// Backup name number n of the application folder: "_tmp", then "_tmp1" to "_tmp9".
+std::string GetAppBackupDir(const std::string& base, int n) {
+    std::string name = base + "_tmp";
+    if (n == 0) {
+        return name;
+    }
+    char postfix[8];
+    if (snprintf(postfix, sizeof(postfix), "%d", n) < 0) {
+        LOG_AT(ERROR, kComponent, 218, "snprintf failed (continuing without postfix)");
+        postfix[0] = '\0';
+    }
+    return name + postfix;
+}
+
+// Fills a version record from the group "Version" of an INFO file; keys the file does not hold
+// leave their fields as they were.
+void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
+    QSettings ini(QString::fromUtf8(path.c_str()), QSettings::IniFormat);
+    ini.beginGroup(QStringLiteral("Version"));
+    const struct {
+        const char* key;
+        std::string* field;
+    } fields[] = {
+        {"major_version", &version.major_version},
+        {"minor_version", &version.minor_version},
+        {"build_version", &version.build_version},
+        {"icon_overlay_version", &version.icon_overlay_version},
+    };
+    for (const auto& f : fields) {
+        const QString key = QString::fromLatin1(f.key);
+        if (ini.contains(key)) {
+            *f.field = ini.value(key).toString().toUtf8().toStdString();
+        }
+    }
+    ini.endGroup();
+}
+
+}  // namespace
+
+// Nothing reads the timeout; it starts at 0 so that no copy of a service carries garbage.
+Service::Service() : timeout(0) {}
+
+Service::~Service() = default;
+
+void Service::SetTimeout(int value) {
+    timeout = value;
+}
+
+int Service::FSCopyPath(const std::string& source, const std::string& dest) {
+    LOG_AT(DEBUG, kComponent, 71, "copy from '%s' to '%s'\n", source.c_str(), dest.c_str());
+    _FILE_INFO_tag info;
+    if (FSStat(source, info, false) < 0) {
+        LOG_AT(ERROR, kComponent, 74, "FSCopyPath: failed to stat source '%s'\n", source.c_str());
+        return -1;
+    }
+    if (!info.exists) {
+        LOG_AT(ERROR, kComponent, 79, "FSCopyPath: source path '%s' does not exist\n",
+               source.c_str());
+        return -1;
+    }
+    if (info.type != 2) {
+        // A single file (or a link, also one to a folder) at the top: its copy result is not
+        // part of the answer.
+        FSCopy(source, dest, false, false);
+        return 0;
+    }
+    if (FSMKDir(dest, true) < 0) {
+        LOG_AT(ERROR, kComponent, 87, "FSCopyPath: failed to create dest folder '%s'\n",
+               dest.c_str());
+        return -1;
+    }
+    DIR_HANDLE handle;
+    if (FSOpenDir(source, 0, handle) < 0) {
+        LOG_AT(WARNING, kComponent, 92,
+               "FSCopyPath: failed to create handle  for src '%s' failed\n", source.c_str());
+        return 0;
+    }
+    int result = 0;
+    DIR_ENTRY entry;
+    while (FSReadDir(handle, entry) > 0) {
+        if (IsDotEntry(entry.name)) {
+            continue;
+        }
+        const std::string s = source + "/" + entry.name;
+        const std::string d = dest + "/" + entry.name;
+        const int rc = entry.type == 2 ? FSCopyPath(s, d) : FSCopy(s, d, false, true);
+        if (rc < 0) {
+            LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
+                   s.c_str(), d.c_str());
+            result = -1;
+            break;
+        }
+    }
+    FSCloseDir(handle);
+    return result;
+}
+
+int Service::CopyPackage() {
+    const std::string source = PathOf("root_resource_path") + "/package/nimbrel";
+    const std::string dest = PathOf("user_corvane_quarn_app_path");
+    LOG_AT(INFO, kComponent, 134, "copy package:'%s' -> '%s' \n", source.c_str(), dest.c_str());
+    return FSCopyPath(source, dest);
+}
+
+int Service::ExtractPackage() {
+    const std::string source = PathOf("root_resource_path") + "/package/nimbrel.vbx";
+    const std::string dest = PathOf("user_corvane_quarn_app_path");
+    if (FSMKDir(dest, true) < 0) {
+        LOG_AT(ERROR, kComponent, 149, "failed to create folder: '%s'\n", dest.c_str());
+        return -1;
+    }
+    LOG_AT(INFO, kComponent, 153, "extract package: '%s' -> '%s'\n", source.c_str(), dest.c_str());
+    Extractor extractor;
+    extractor.SetSource(source);
+    extractor.SetTarget(dest);
+    return extractor.Extract();
+}
+
+void Service::LoadSourceVersion() {
+    const std::string path = PathOf("user_corvane_quarn_resource_path") + "/INFO";
+    if (!IsFileExist(path, false)) {
+        LOG_AT(INFO, kComponent, 172, "source does not exist\n");
+        return;
+    }
+    ReadVersionInfo(path, source_version);
+    LOG_AT(INFO, kComponent, 188, "source_version = (%s, %s, %s, %s)\n",
+           source_version.major_version.c_str(), source_version.minor_version.c_str(),
+           source_version.build_version.c_str(), source_version.icon_overlay_version.c_str());
+}
+
+void Service::LoadTargetVersion() {
+    // A missing package INFO simply yields no keys: the package then counts as build 0.
+    ReadVersionInfo(PathOf("root_resource_path") + "/INFO", target_version);
+    LOG_AT(INFO, kComponent, 207, "target_version = (%s, %s, %s, %s)\n",
+           target_version.major_version.c_str(), target_version.minor_version.c_str(),
+           target_version.build_version.c_str(), target_version.icon_overlay_version.c_str());
+}
+
+int Service::PrepareUserEnv() {
+    const int kMaxAttempts = 10;
+    int attempt = 0;
+    std::string backup;
+    if (IsFileExist(app_path, false)) {
+        for (;;) {
+            backup = GetAppBackupDir(app_path, attempt);
+            if (FSRename(app_path, backup, false) == 0) {
+                break;
+            }
+            LOG_AT(ERROR, kComponent, 236, "failed to backup app from '%s' -> '%s'\n",
+                   app_path.c_str(), backup.c_str());
+            if (++attempt >= kMaxAttempts) {
+                LOG_AT(ERROR, kComponent, 240,
+                       "failed to backup app from '%s' -> '%s' at max retries, exiting\n",
+                       app_path.c_str(), backup.c_str());
+                return -1;
+            }
+        }
+    }
+
+    if (CopyPackage() != 0) {
+        if (backup.empty()) {
+            LOG_AT(ERROR, kComponent, 253,
+                   "Failed to extract package, and no old installation to rollback\n");
+            return -1;
+        }
+        LOG_AT(ERROR, kComponent, 255, "Failed to extract package, rollback to old installation\n");
+        FSRemove(app_path, false);
+        FSRename(backup, app_path, false);
+        return -1;
+    }
+
+    LOG_AT(INFO, kComponent, 262, "user installation is ready, removing backup app\n");
+    // Every name tried is removed, also a stale "_tmp" left by an interrupted earlier run.
+    for (int n = 0; n <= attempt; ++n) {
+        FSRemove(GetAppBackupDir(app_path, n), false);
+    }
+    return 0;
+}
+
+void Service::MigrateService() {
+    UIPathManager* paths = UIPathManager::getInstance();
+    const std::string old_path = NativePath(paths->getPath(QStringLiteral("user_nimbrel_path")));
+    const std::string new_path =
+        NativePath(paths->getPath(QStringLiteral("user_corvane_quarn_path")));
+    if (!IsFileExist(new_path, true) && FSMKDir(new_path, true) < 0) {
+        LOG_AT(ERROR, kComponent, 278, "Failed to create Corvane Quarn folder\n");
+        return;
+    }
+    const std::string old_data = NativePath(QString::fromUtf8(old_path.c_str()) + "/data");
+    const std::string new_data = NativePath(QString::fromUtf8(new_path.c_str()) + "/data");
+    if (IsFileExist(old_data, true) && FSRename(old_data, new_data, true) < 0) {
+        LOG_AT(ERROR, kComponent, 287, "Failed to move data to Corvane Quarn folder\n");
+    }
+    // The old folder goes also after a failed move: the predecessor is not kept half-alive.
+    if (IsFileExist(old_path, true) && FSRemove(old_path, false) < 0) {
+        LOG_AT(ERROR, kComponent, 293, "Failed to remove old .Nimbrel folder\n");
+    }
+}
+
+void Service::RemoveAgedFolders() {
+    const std::string path = PathOf("user_nimbrel_path") + "/app";
+    LOG_AT(INFO, kComponent, 301, "removing aged app folder %s\n", path.c_str());
+    FSRemove(path, false);
+}
+
+QString Service::GetUserInstallPath() {
+    if (IsUOSDesktop()) {
+        const QString data = QProcessEnvironment::systemEnvironment().value(
+            QStringLiteral("XDG_DATA_HOME"), QString());
+        LOG_AT(DEBUG, kComponent, 41, "user install path is %s\n", data.toUtf8().constData());
+        return data.isEmpty() ? QDir::homePath() : data;
+    }
+    return QDir::homePath();
+}
+
+PackageInfo::PackageInfo()
+    : images_path("/opt/Corvane/CorvaneQuarn/images"),
+      user_folder_path(
+          (QDir::homePath() + QStringLiteral("/.CorvaneQuarn")).toUtf8().toStdString()),
+      debug_log_path("/opt/Corvane/CorvaneQuarn/log/launcher.debug"),
+      package_path("/opt/Corvane/CorvaneQuarn/package/nimbrel.vbx"),
+      conf_path("/opt/Corvane/CorvaneQuarn/conf") {}

@@ -1,1 +1,135 @@
 #include "service/linux/linux-service.h"
+
+#include <QProcess>
+#include <QString>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "lib/desktop/ui-path-manager.h"
+#include "lib/file/file-op.h"
+#include "log/log.h"
+#include "service/config.h"
+
+namespace {
+
+const char* const kComponent = "service_debug";
+
+std::string PathOf(const char* key) {
+    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toUtf8().toStdString();
+}
+
+// A build number as text: its leading digits, 0 when there are none or the text is empty.
+int BuildNumber(const std::string& build) {
+    return build.empty() ? 0 : atoi(build.c_str());
+}
+
+}  // namespace
+
+LinuxService::LinuxService() {
+    timeout = 10000;
+    app_path = PathOf("user_corvane_quarn_app_path");
+}
+
+void LinuxService::LoadSourceVerInfo() {
+    LoadSourceVersion();
+}
+
+void LinuxService::LoadTargetVerInfo() {
+    LoadTargetVersion();
+}
+
+void LinuxService::PreUpgrade() {
+    LoadTargetVerInfo();
+    LoadSourceVerInfo();
+    LOG_AT(DEBUG, kComponent, 60, "Source version: ('%s', '%s')\n",
+           source_version.build_version.c_str(), source_version.icon_overlay_version.c_str());
+    LOG_AT(DEBUG, kComponent, 61, "Target version: ('%s', '%s')\n",
+           target_version.build_version.c_str(), target_version.icon_overlay_version.c_str());
+}
+
+void LinuxService::StopService() {
+    const std::string pidfile = PathOf("user_corvane_quarn_path") + "/ui.pid";
+    if (!IsFileExist(pidfile, false)) {
+        LOG_AT(DEBUG, kComponent, 76, "pid file '%s' does not exist, no need to terminate\n",
+               pidfile.c_str());
+        return;
+    }
+    Config config;
+    if (config.read(pidfile) < 0) {
+        LOG_AT(NOTE, kComponent, 81, "Failed to read pid file '%s', not exist ?\n",
+               pidfile.c_str());
+        return;
+    }
+    pid_t pid = 0;
+    const std::string& value = config["pid"];
+    if (!value.empty()) {
+        pid = static_cast<pid_t>(strtol(value.c_str(), nullptr, 10));
+    }
+    // 0 or a negative id would signal a whole process group (-1: every process we may signal).
+    if (pid <= 0) {
+        LOG_HERE(NOTE, kComponent, "pid file '%s' names no process (pid '%s'), nothing to stop\n",
+                 pidfile.c_str(), value.c_str());
+        return;
+    }
+
+    if (kill(pid, SIGTERM) != 0) {
+        const int err = errno;
+        if (err == ESRCH) {
+            return;  // a stale pid file: the UI is not running
+        }
+        LOG_AT(ERROR, kComponent, 96, "kill: %s (%d)\n", strerror(err), err);
+    }
+    // About five seconds for the UI to end by itself; the first probe comes right away.
+    for (int pass = 0; pass < 5; ++pass) {
+        if (kill(pid, 0) != 0 && errno == ESRCH) {
+            return;
+        }
+        sleep(1);
+    }
+    kill(pid, SIGKILL);
+}
+
+bool LinuxService::PerUserBinPathExist() {
+    // access() follows links: a dangling link to the UI counts as missing.
+    return access(PathOf("user_corvane_quarn_ui_path").c_str(), F_OK) == 0;
+}
+
+bool LinuxService::IsNeedUpgrade() {
+    const int source = BuildNumber(source_version.build_version);
+    const int target = BuildNumber(target_version.build_version);
+    LOG_AT(DEBUG, kComponent, 129, "source version = %d, target version = %d\n", source, target);
+    bool need = target > source;
+    // A missing UI executable forces a reinstallation even at equal or newer builds.
+    if (!PerUserBinPathExist()) {
+        need = true;
+    }
+    return need;
+}
+
+int LinuxService::HandlePackageUpgrade() {
+    if (PerUserBinPathExist()) {
+        LOG_AT(DEBUG, kComponent, 143, "local appdata exist\n");
+        StopService();
+    }
+    return PrepareUserEnv();
+}
+
+void LinuxService::PostUpgrade() {
+    LaunchPerUserBin();
+}
+
+int LinuxService::LaunchPerUserBin() {
+    const std::string command = app_path + "/package/start-stop start";
+    // The launcher runs the start script through the one-string form, which Qt 5.15 marks
+    // deprecated; the script's exit code is of no interest.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    QProcess::execute(QString::fromUtf8(command.c_str()));
+#pragma GCC diagnostic pop
+    return 0;
+}
