@@ -193,6 +193,8 @@ void Logger::LogMsg3(Level level, const std::string& component, std::stringstrea
     const int saved_errno = errno;
     std::string format = "%s";
     if ((flags & FLAG_ERRNO) && saved_errno != 0) {
+        // After whatever the stream holds, also when it was made from a string.
+        message.seekp(0, std::ios_base::end);
         message << ", err=" << saved_errno << ":";
         format += "%m";
     }
