@@ -637,6 +637,8 @@ int FSMktemp(const std::string& dir, std::string& out_path) {
     const int fd = mkostemp(name, O_CLOEXEC);
     if (fd < 0) {
         const int err = errno;
+        // The system may have left random letters in the buffer: report the template itself.
+        snprintf(name, sizeof(name), "%s/XXXXXX", dir.c_str());
         FS_LOG(ERROR, "mkstemp(%s): %s\n", name, strerror(err));
         return -1;
     }
