@@ -25,8 +25,13 @@ const int kStrInitializing = 716;  // "%1 is initializing..."
 
 }  // namespace
 
-// The connections are made in this order so that the worker's own reports and the
-// extractor's (through the adapter) all land on the GUI thread, queued.
+// The worker lives on its own thread and the adapter on this one, so every automatic
+// connection below is queued: sigStart is served on the worker thread, and the worker's and
+// the extractor's reports (the latter through the adapter) on the GUI thread, which alone
+// touches the dialog.
+//
+// The dialog gives up its cancel button (nothing may stop an upgrade half-way), keeps its
+// bar at 100 when it gets there, and does not block the desktop while it is up.
 Launcher::Launcher() {
     worker = new Worker();
     dialog = new ProcessingProgressDialog();
@@ -34,6 +39,7 @@ Launcher::Launcher() {
     dialog->setAutoReset(false);
     dialog->setModal(false);
 
+    // One line per connection, kept whole so each reads as sender, signal, receiver, slot.
     // clang-format off
     connect(this, SIGNAL(sigStart()), worker, SLOT(HandleServicce()));
     connect(worker, SIGNAL(sigShowMsg()), this, SLOT(ShowMsgBox()));

@@ -31,8 +31,13 @@ QString DPIinfo::getScaledStyleSheet(QString sheet) {
     while (it.hasNext()) {
         const QRegularExpressionMatch m = it.next();
         out += sheet.midRef(last, m.capturedStart() - last);
-        const long scaled = std::lround(m.captured(1).toDouble() * factor);
-        out += QString::number(scaled) + "px";
+        // Whole pixels stay whole; a fractional size keeps two decimals.
+        const double scaled = m.captured(1).toDouble() * factor;
+        if (m.captured(1).contains('.')) {
+            out += QString::number(std::round(scaled * 100.0) / 100.0) + "px";
+        } else {
+            out += QString::number(std::lround(scaled)) + "px";
+        }
         last = m.capturedEnd();
     }
     out += sheet.midRef(last);
