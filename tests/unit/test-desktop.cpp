@@ -14,6 +14,11 @@
 #include "lib/desktop/vesk-locale.h"
 #include "tests/support/test-support.h"
 
+// Readable failure messages.
+void PrintTo(const QString& text, std::ostream* os) {
+    *os << '"' << text.toStdString() << '"';
+}
+
 struct DPIinfoTestAccess {
     static void Force(double factor) { DPIinfo::getInstance()->forced_factor = factor; }
 };
