@@ -415,6 +415,8 @@ int FSOpenDir(const std::string& path, int flags, DIR_HANDLE& handle) {
 }
 
 int FSReadDir(DIR_HANDLE& handle, DIR_ENTRY& entry) {
+    if (handle.dir == nullptr)
+        return 0;  // a closed handle lists nothing
     const struct dirent* listed = readdir(handle.dir);
     if (listed == nullptr)
         return 0;  // end of the listing, or a read error: both end it
