@@ -43,21 +43,43 @@ struct archive* NewReader() {
     return reader;
 }
 
-// Opens the archive for Count and List, which log the same texts at their own lines; null on
-// failure, with nothing left to free.
-struct archive* OpenForScan(const std::string& source, int alloc_line, int open_line) {
+// Where Count and List log their failures: the texts are the same, the lines their own.
+struct ScanLines {
+    int invalid, alloc, open;
+};
+
+// The common course of Count and List: check the arguments, open the archive and visit every
+// entry up to the first header that does not read cleanly (end of archive and damage alike).
+// -1 when the archive was not read, else the number of entries visited.
+template <typename Visit>
+int ScanEntries(const std::string& source, const std::string& target, ScanLines lines,
+                Visit visit) {
+    // The target is required even though only the source is read: callers always set both.
+    if (target.empty() || source.empty()) {
+        LOG_AT(ERROR, kComponent, lines.invalid, "Invalid argument\n");
+        return -1;
+    }
     struct archive* reader = NewReader();
     if (reader == nullptr) {
-        LOG_AT(ERROR, kComponent, alloc_line, "Allocate archive failed\n");
-        return nullptr;
+        LOG_AT(ERROR, kComponent, lines.alloc, "Allocate archive failed\n");
+        return -1;
     }
     if (archive_read_open_filename(reader, source.c_str(), kReadBlockSize) != ARCHIVE_OK) {
-        LOG_AT(ERROR, kComponent, open_line, "archive_read_open_filename failed: '%s'\n",
+        LOG_AT(ERROR, kComponent, lines.open, "archive_read_open_filename failed: '%s'\n",
                archive_error_string(reader));
         archive_read_free(reader);
-        return nullptr;
+        return -1;
     }
-    return reader;
+    int count = 0;
+    struct archive_entry* entry = nullptr;
+    while (archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
+        ++count;
+        visit(entry);
+        archive_read_data_skip(reader);
+    }
+    archive_read_close(reader);
+    archive_read_free(reader);
+    return count;
 }
 
 }  // namespace
@@ -101,43 +123,15 @@ int Extractor::copy_data(struct archive* reader, struct archive* writer) {
 }
 
 int Extractor::Count() {
-    // The target is required even here: callers always set both before any operation.
-    if (target.empty() || source.empty()) {
-        LOG_AT(ERROR, kComponent, 59, "Invalid argument\n");
-        return -1;
-    }
-    struct archive* reader = OpenForScan(source, 64, 76);
-    if (reader == nullptr) {
-        return -1;
-    }
     // A damaged archive counts the entries before the damage; Extract then fails there.
-    int count = 0;
-    struct archive_entry* entry = nullptr;
-    while (archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
-        ++count;
-        archive_read_data_skip(reader);
-    }
-    archive_read_free(reader);
-    return count;
+    return ScanEntries(source, target, {59, 64, 76}, [](struct archive_entry*) {});
 }
 
 int Extractor::List() {
-    if (target.empty() || source.empty()) {
-        LOG_AT(ERROR, kComponent, 101, "Invalid argument\n");
-        return -1;
-    }
-    struct archive* reader = OpenForScan(source, 105, 117);
-    if (reader == nullptr) {
-        return -1;
-    }
-    struct archive_entry* entry = nullptr;
-    while (archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
-        std::printf("%s\n", archive_entry_pathname(entry));
-        archive_read_data_skip(reader);
-    }
-    archive_read_close(reader);
-    archive_read_free(reader);
-    return 0;
+    const int listed = ScanEntries(source, target, {101, 105, 117}, [](struct archive_entry* e) {
+        std::printf("%s\n", archive_entry_pathname(e));
+    });
+    return listed < 0 ? -1 : 0;
 }
 
 int Extractor::Extract() {
