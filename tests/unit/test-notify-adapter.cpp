@@ -25,11 +25,6 @@ TEST(NotifyAdapter, OneInstanceWhicheverThreadAsks) {
         EXPECT_EQ(p, here);
 }
 
-TEST(NotifyAdapter, UnconnectedSignalsAreHarmless) {
-    Notify_Adapter::GetInstance()->UpdateProgress(5, 1);
-    Notify_Adapter::GetInstance()->UpdateDialogText(QStringLiteral("nobody listens"));
-}
-
 // The dialog side lives on the GUI thread and the extractor calls from the worker: both
 // signals must arrive as queued events, in the receiver's thread, with the arguments intact.
 TEST(NotifyAdapter, WorkerCallsArriveQueuedOnTheGuiThread) {
