@@ -20,6 +20,6 @@ private:
     // The entry loop of Extract: 0 at the end of the archive, -1 at the first failure.
     int UnpackEntries(struct archive* reader, struct archive* writer, int total);
 
-    std::string source;
-    std::string target;
+    std::string target;  // entries are written below it; no trailing "/"
+    std::string source;  // the archive file
 };
