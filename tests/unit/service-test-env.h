@@ -25,6 +25,7 @@
 #include "log/log.h"
 #include "service/cloud-service.h"
 #include "tests/support/test-support.h"
+#include "tests/unit/tree-snapshot.h"
 
 namespace servicetest {
 
@@ -65,34 +66,6 @@ inline bool MakeSampleInstall(const std::string& root, const std::string& build)
     const std::string command = std::string("'") + LAUNCHER_SOURCE_DIR +
                                 "/scripts/make-sample-install' '" + root + "' '" + build + "'";
     return system(command.c_str()) == 0;
-}
-
-// What a tree holds: relative path -> type letter, mode bits and contents or link target.
-using TreeSnapshot = std::map<std::string, std::string>;
-
-inline TreeSnapshot Snapshot(const std::string& root) {
-    TreeSnapshot tree;
-    std::error_code ec;
-    if (!fs::exists(fs::symlink_status(root, ec))) {
-        return tree;
-    }
-    for (auto it = fs::recursive_directory_iterator(root, ec);
-         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        struct stat st;
-        if (lstat(it->path().c_str(), &st) != 0) {
-            continue;
-        }
-        std::string value = std::to_string(st.st_mode & 07777) + ":";
-        if (S_ISLNK(st.st_mode)) {
-            value = "l" + value + fs::read_symlink(it->path(), ec).string();
-        } else if (S_ISDIR(st.st_mode)) {
-            value = "d" + value;
-        } else {
-            value = "f" + value + testsupport::ReadFile(it->path());
-        }
-        tree[fs::relative(it->path(), root, ec).string()] = value;
-    }
-    return tree;
 }
 
 // A test's world: HOME and the system-wide root in one temporary folder, the path table
