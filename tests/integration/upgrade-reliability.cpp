@@ -395,11 +395,18 @@ int main(int argc, char** argv) {
             "- killed during the copy: a partial new copy sits beside the \"_tmp\" backup "
             "and nothing rolls back. When the partial copy lacks its INFO or its UI "
             "executable, the next run moves it to \"_tmp1\", installs the package and removes "
-            "both backups: complete new. When it already holds both (the decision reads only "
-            "the build and the UI's presence), the next run sees nothing to do: the user "
-            "keeps a mixture, missing files of the package, and the old copy stays behind in "
-            "\"_tmp\" until a later package raises the build.\n");
+            "both backups: complete new.\n");
     }
+    printf(
+        "- mixture (%d seen): the kill came during the copy after the partial copy already "
+        "held its INFO and its UI executable (even a partly written one). The decision reads "
+        "only the build and the UI's presence, so the next run sees nothing to do: the user "
+        "keeps a copy that lacks files of the package, and the old copy stays behind in "
+        "\"_tmp\" until a later package raises the build. With the copy order above, that "
+        "window is the copy of %s.\n",
+        totals[kMixture].trials,
+        after_decision.empty() ? "the UI executable itself (its folder comes last)"
+                               : ("the last entries (" + after_decision + ")").c_str());
     if (seen_phase[kRemovingBackup]) {
         printf(
             "- killed while the backup was being removed: the new copy is complete; the "
