@@ -34,9 +34,10 @@ our_processes() { processes_naming "$WORK/"; }
 # The sample client processes of the user's copy.
 clients() { processes_naming "$APP_DIR/bin/cloud-quarn-ui"; }
 
+EXTRA_PIDS=()  # helpers started by a test whose command line does not name its folder
 cleanup() {
     local pid
-    for pid in $(our_processes); do
+    for pid in $(our_processes) "${EXTRA_PIDS[@]}"; do
         kill -KILL "$pid" 2>/dev/null || true
     done
     rm -rf "$WORK"
@@ -66,7 +67,8 @@ user_build() { sed -n 's/^build_version=//p' "$APP_DIR/INFO" 2>/dev/null; }
 # Runs the launcher as the desktop would at login, with only the environment a session has.
 launcher_env() {
     env -i PATH=/usr/local/bin:/usr/bin:/bin HOME="$HOME_DIR" LANG=C.UTF-8 \
-        QT_QPA_PLATFORM="${QPA:-offscreen}" ${DISPLAY:+DISPLAY=$DISPLAY} "$@"
+        QT_QPA_PLATFORM="${QPA:-offscreen}" ${DISPLAY:+DISPLAY=$DISPLAY} \
+        ${XAUTHORITY:+XAUTHORITY=$XAUTHORITY} "$@"
 }
 run_launcher() { launcher_env "$ROOT/bin/cloud-quarn-launcher"; }
 
