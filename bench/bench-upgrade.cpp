@@ -32,6 +32,7 @@
 #include "log/log.h"
 #include "service/cloud-service.h"
 #include "service/linux/linux-service.h"
+#include "tests/unit/user-paths.h"
 
 namespace {
 
@@ -55,21 +56,12 @@ std::string Quote(const std::string& path) {
     return "'" + path + "'";
 }
 
-// The path table as the launcher fills it, for this HOME and system root.
-void FillPathTable(const std::string& home, const std::string& root) {
+// A HOME of the benchmark's own and the path table filled for it and this system root.
+void UseInstallation(const std::string& home, const std::string& root) {
     setenv("HOME", home.c_str(), 1);
     unsetenv("XDG_CURRENT_DESKTOP");
+    servicetest::FillPathTable(root + "/bin");
     UIPathManager* table = UIPathManager::getInstance();
-    const QString h = Service::GetUserInstallPath();
-    table->setPath("user_corvane_quarn_path", QDir::cleanPath(h + "/.CorvaneQuarn"));
-    table->setPath("user_corvane_quarn_app_path",
-                   QDir::cleanPath(h + "/.CorvaneQuarn/CorvaneQuarn.app"));
-    table->setPath("user_corvane_quarn_resource_path",
-                   QDir::cleanPath(h + "/.CorvaneQuarn/CorvaneQuarn.app"));
-    table->setPath("user_corvane_quarn_ui_path",
-                   QDir::cleanPath(h + "/.CorvaneQuarn/CorvaneQuarn.app/bin/cloud-quarn-ui"));
-    table->setPath("user_nimbrel_path", QDir::cleanPath(h + "/.Nimbrel"));
-    table->setPath("root_resource_path", QDir::cleanPath(QString::fromStdString(root)));
     g_app = table->getPath("user_corvane_quarn_app_path").toStdString();
 }
 
@@ -169,7 +161,7 @@ int main(int argc, char** argv) {
     }
     Logger::Initialize(Logger::TYPE_FILE, work + "/launcher.log", "", 50, Logger::SCOPE_THREAD);
 
-    FillPathTable(g_home, large);
+    UseInstallation(g_home, large);
     const std::string backup = g_app + "_tmp";
     std::vector<double> ours, our_copy, our_remove, ref_copy, ref_remove, ref_all;
     long peak_large = 0;
@@ -221,7 +213,7 @@ int main(int argc, char** argv) {
     }
 
     // Peak memory for the small package, and for a child that only starts and ends.
-    FillPathTable(g_home, small);
+    UseInstallation(g_home, small);
     long peak_small = 0;
     for (int r = 0; r < reps; ++r) {
         if (!ResetOldCopy(old_small)) {

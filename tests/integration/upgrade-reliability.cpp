@@ -36,6 +36,7 @@
 #include "log/log.h"
 #include "service/linux/linux-service.h"
 #include "tests/unit/tree-snapshot.h"
+#include "tests/unit/user-paths.h"
 
 namespace {
 
@@ -246,17 +247,8 @@ int main(int argc, char** argv) {
     // The path table as the launcher fills it, for a HOME inside the work folder.
     setenv("HOME", home.c_str(), 1);
     unsetenv("XDG_CURRENT_DESKTOP");
+    servicetest::FillPathTable(root + "/bin");
     UIPathManager* table = UIPathManager::getInstance();
-    const QString h = Service::GetUserInstallPath();
-    table->setPath("user_corvane_quarn_path", QDir::cleanPath(h + "/.CorvaneQuarn"));
-    table->setPath("user_corvane_quarn_app_path",
-                   QDir::cleanPath(h + "/.CorvaneQuarn/CorvaneQuarn.app"));
-    table->setPath("user_corvane_quarn_resource_path",
-                   QDir::cleanPath(h + "/.CorvaneQuarn/CorvaneQuarn.app"));
-    table->setPath("user_corvane_quarn_ui_path",
-                   QDir::cleanPath(h + "/.CorvaneQuarn/CorvaneQuarn.app/bin/cloud-quarn-ui"));
-    table->setPath("user_nimbrel_path", QDir::cleanPath(h + "/.Nimbrel"));
-    table->setPath("root_resource_path", QDir::cleanPath(QString::fromStdString(root) + "/bin/.."));
     g_app = table->getPath("user_corvane_quarn_app_path").toStdString();
 
     testsupport::WriteFile(work + "/launcher.debug", "service_debug = 7\n");

@@ -340,12 +340,4 @@ TEST_F(CloudServiceTest, AgedAppFolderIsRemovedAndTheLineWrittenEveryRun) {
         2u);
 }
 
-TEST(PackageInfo, HoldsTheFixedPlaces) {
-    setenv("HOME", "/home/someone", 1);
-    PackageInfo info;
-    EXPECT_EQ(info.user_folder_path, "/home/someone/.CorvaneQuarn");
-    EXPECT_EQ(info.package_path, "/opt/Corvane/CorvaneQuarn/package/nimbrel.vbx");
-    EXPECT_EQ(info.debug_log_path, "/opt/Corvane/CorvaneQuarn/log/launcher.debug");
-}
-
 }  // namespace

@@ -19,6 +19,31 @@ std::string InfoWithBuild(const std::string& build) {
            "\nicon_overlay_version=7\n";
 }
 
+// A client that runs until a signal ends it.
+void RunUntilSignalled() {
+    Child::SignalReady();
+    for (;;) {
+        pause();
+    }
+}
+
+// Runs the stop sequence beside another process of the same group and user; 0 when that
+// process is still alive afterwards.
+int StopLeavesOtherProcessAlive() {
+    const pid_t member = fork();
+    if (member == 0) {
+        for (;;) {
+            pause();
+        }
+    }
+    LinuxService service;
+    service.StopService();
+    usleep(50 * 1000);
+    const bool alive = waitpid(member, nullptr, WNOHANG) == 0;
+    kill(member, SIGKILL);
+    return alive ? 0 : 1;
+}
+
 class LinuxServiceTest : public ServiceTest {
 protected:
     std::string PidFile() const { return quarn + "/ui.pid"; }
@@ -96,23 +121,10 @@ TEST_F(LinuxServiceTest, DecisionStepsAreLogged) {
         << "the package is read before the user's copy";
 }
 
-TEST_F(LinuxServiceTest, ConstructorTakesTheAppFolderFromThePathTable) {
-    LinuxService service;
-    EXPECT_EQ(service.timeout, 10000);
-    EXPECT_EQ(service.app_path, app);
-    service.SetTimeout(5);
-    EXPECT_EQ(service.timeout, 5);
-}
-
 // ---- stopping the client ----
 
 TEST_F(LinuxServiceTest, ClientThatEndsOnSigtermIsStoppedWithinTheFirstSecond) {
-    Child ui([] {
-        Child::SignalReady();
-        for (;;) {
-            pause();
-        }
-    });
+    Child ui(RunUntilSignalled);
     WritePid("# written by the client\npid = \"" + std::to_string(ui.pid()) + "\"  # running\n");
     EXPECT_LT(TimedStop(), 1.8);
     const int status = ui.Wait();
@@ -175,12 +187,7 @@ TEST_F(LinuxServiceTest, MissingMalformedOrUnreadablePidFileStopsNothing) {
     EXPECT_TRUE(Logged("DEBUG", kLinux, 76,
                        "pid file '" + PidFile() + "' does not exist, no need to terminate\n"));
 
-    Child ui([] {
-        Child::SignalReady();
-        for (;;) {
-            pause();
-        }
-    });
+    Child ui(RunUntilSignalled);
     WritePid("pid " + std::to_string(ui.pid()) + "\n");
     EXPECT_LT(TimedStop(), 0.5);
     EXPECT_TRUE(
@@ -210,18 +217,7 @@ TEST_F(LinuxServiceTest, PidThatNamesNoProcessSignalsNoProcessGroup) {
         WritePid(std::string(line) + "\n");
         const int rc = testsupport::RunInChild([] {
             setpgid(0, 0);
-            const pid_t member = fork();
-            if (member == 0) {
-                for (;;) {
-                    pause();
-                }
-            }
-            LinuxService service;
-            service.StopService();
-            usleep(50 * 1000);
-            const bool alive = waitpid(member, nullptr, WNOHANG) == 0;
-            kill(member, SIGKILL);
-            return alive ? 0 : 1;
+            return StopLeavesOtherProcessAlive();
         });
         EXPECT_EQ(rc, 0) << line << ": the group was signalled";
     }
@@ -231,32 +227,14 @@ TEST_F(LinuxServiceTest, PidThatNamesNoProcessSignalsNoProcessGroup) {
     for (const char* line : {"pid=-1", "pid= -2"}) {
         WritePid(std::string(line) + "\n");
         ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
-        const int rc = testsupport::RunAsUnprivileged([] {
-            const pid_t member = fork();
-            if (member == 0) {
-                for (;;) {
-                    pause();
-                }
-            }
-            LinuxService service;
-            service.StopService();
-            usleep(50 * 1000);
-            const bool alive = waitpid(member, nullptr, WNOHANG) == 0;
-            kill(member, SIGKILL);
-            return alive ? 0 : 1;
-        });
+        const int rc = testsupport::RunAsUnprivileged(StopLeavesOtherProcessAlive);
         EXPECT_EQ(rc, 0) << line;
     }
     EXPECT_EQ(Log().find("[ERROR]"), std::string::npos);
 }
 
 TEST_F(LinuxServiceTest, SigtermNotPermittedIsLoggedAndTheWaitGoesOn) {
-    Child ui([] {
-        Child::SignalReady();
-        for (;;) {
-            pause();
-        }
-    });
+    Child ui(RunUntilSignalled);
     WritePid("pid=" + std::to_string(ui.pid()) + "\n");
     ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
     // The client ends by other means during the wait; the stop notices at its next probe.
@@ -284,12 +262,7 @@ TEST_F(LinuxServiceTest, UpgradeStopsTheRunningClientThenInstalls) {
     ASSERT_TRUE(MakeSampleInstall(root, "121"));
     ASSERT_TRUE(WriteFile(app + "/INFO", InfoWithBuild("120")));
     ASSERT_TRUE(WriteFile(app + "/bin/cloud-quarn-ui", "old"));
-    Child ui([] {
-        Child::SignalReady();
-        for (;;) {
-            pause();
-        }
-    });
+    Child ui(RunUntilSignalled);
     WritePid("pid=" + std::to_string(ui.pid()) + "\n");
     LinuxService service;
     service.PreUpgrade();
@@ -304,12 +277,7 @@ TEST_F(LinuxServiceTest, UpgradeStopsTheRunningClientThenInstalls) {
 TEST_F(LinuxServiceTest, WithoutTheUiExecutableNothingIsStopped) {
     ASSERT_TRUE(MakeSampleInstall(root, "121"));
     ASSERT_TRUE(WriteFile(app + "/INFO", InfoWithBuild("121")));
-    Child ui([] {
-        Child::SignalReady();
-        for (;;) {
-            pause();
-        }
-    });
+    Child ui(RunUntilSignalled);
     WritePid("pid=" + std::to_string(ui.pid()) + "\n");
     LinuxService service;
     EXPECT_EQ(service.HandlePackageUpgrade(), 0);
