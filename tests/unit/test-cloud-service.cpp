@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 
+#include "launcher/str-table.h"
 #include "service/linux/linux-service.h"
 #include "tests/unit/service-test-env.h"
 
@@ -247,6 +248,7 @@ TEST_F(CloudServiceTest, CopyOfMissingOrUnreadableSource) {
 // ---- extraction ----
 
 TEST_F(CloudServiceTest, ExtractPackageUnpacksTheArchiveIntoTheUserCopy) {
+    StrTable::InitStrTable();  // the progress texts, as the launcher loads them at start-up
     ASSERT_TRUE(MakeSampleInstall(root, "121"));
     LinuxService service;
     ASSERT_EQ(service.ExtractPackage(), 0);
