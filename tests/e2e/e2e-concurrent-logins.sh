@@ -12,8 +12,7 @@ mkfifo "$gate"
 pids=()
 for i in $(seq $N); do
     # Each waits on the gate; closing it releases all of them together.
-    (read -r _ <"$gate" || true; exec env -i PATH=/usr/local/bin:/usr/bin:/bin HOME="$HOME_DIR" \
-        LANG=C.UTF-8 QT_QPA_PLATFORM=offscreen "$ROOT/bin/cloud-quarn-launcher") &
+    (read -r _ <"$gate" || true; QPA=offscreen launcher_env "$ROOT/bin/cloud-quarn-launcher") &
     pids+=($!)
 done
 sleep 0.5

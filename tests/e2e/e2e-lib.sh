@@ -68,7 +68,8 @@ user_build() { sed -n 's/^build_version=//p' "$APP_DIR/INFO" 2>/dev/null; }
 launcher_env() {
     env -i PATH=/usr/local/bin:/usr/bin:/bin HOME="$HOME_DIR" LANG=C.UTF-8 \
         QT_QPA_PLATFORM="${QPA:-offscreen}" ${DISPLAY:+DISPLAY=$DISPLAY} \
-        ${XAUTHORITY:+XAUTHORITY=$XAUTHORITY} "$@"
+        ${XAUTHORITY:+XAUTHORITY=$XAUTHORITY} ${ASAN_OPTIONS:+ASAN_OPTIONS=$ASAN_OPTIONS} \
+        ${LSAN_OPTIONS:+LSAN_OPTIONS=$LSAN_OPTIONS} ${UBSAN_OPTIONS:+UBSAN_OPTIONS=$UBSAN_OPTIONS} "$@"
 }
 run_launcher() { launcher_env "$ROOT/bin/cloud-quarn-launcher"; }
 
