@@ -7,6 +7,7 @@
 #include <QString>
 
 #include <cstdlib>
+#include <functional>
 #include <string>
 
 #include "lib/desktop/dpi-info.h"
@@ -28,132 +29,89 @@ namespace {
 using testsupport::RunInChild;
 using testsupport::TempDir;
 
-// Builds the application object the way the launcher does, in this (child) process.
-bool AppSeesAnotherLauncher() {
+// Builds the application object the way the launcher does; 1 when another launcher runs.
+// `running` is called while the object (and so the lock) exists.
+int Launch(const std::function<void(int)>& running) {
     static char name[] = "cloud-quarn-launcher";
     static char* argv[] = {name, nullptr};
     int argc = 1;
     QtSingleApplication app(argc, argv, true);
-    return app.isRunning();
+    const int seen = app.isRunning() ? 1 : 0;
+    if (running)
+        running(seen);
+    return seen;
+}
+int SeesAnotherLauncher() {
+    return Launch(nullptr);
 }
 
-// A launcher that holds the lock until told to go: forked child, reports through pipes.
-class Holder {
-public:
-    explicit Holder(const char* spawn = nullptr) {
-        if (pipe(ready_) != 0 || pipe(release_) != 0)
-            return;
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(ready_[0]);
-            close(release_[1]);
-            static char name[] = "cloud-quarn-launcher";
-            static char* argv[] = {name, nullptr};
-            int argc = 1;
-            QtSingleApplication app(argc, argv, true);
-            char state = app.isRunning() ? 'r' : 'h';
+// Starts a launcher in a forked child that holds the lock until it is killed, so no clean-up
+// runs; `spawn` is started from it meanwhile, like the client the start script runs. Returns
+// the child, and in `seen` what the launcher saw ('1': another one runs).
+pid_t Hold(char* seen, const char* spawn = nullptr) {
+    int ready[2];
+    if (pipe(ready) != 0)
+        return -1;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        Launch([&](int running) {
+            const char state = static_cast<char>('0' + running);
             if (spawn && fork() == 0) {
-                // Started while the lock is held, like the client the start script runs.
                 execl("/bin/sh", "sh", "-c", spawn, static_cast<char*>(nullptr));
                 _exit(127);
             }
-            if (write(ready_[1], &state, 1) != 1)
-                _exit(3);
-            char c;
-            if (read(release_[0], &c, 1) < 0)
-                _exit(4);
-            _exit(0);
-        }
-        close(ready_[1]);
-        close(release_[0]);
-        if (read(ready_[0], &state_, 1) != 1)
-            state_ = '?';
+            if (write(ready[1], &state, 1) == 1)
+                pause();
+        });
+        _exit(0);
     }
-    ~Holder() {
-        Release();
-        close(ready_[0]);
-    }
-    char state() const { return state_; }
-    void Release() {
-        if (pid_ <= 0)
-            return;
-        close(release_[1]);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-    void Kill() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-        close(release_[1]);
-    }
+    close(ready[1]);
+    if (read(ready[0], seen, 1) != 1)
+        *seen = '?';
+    close(ready[0]);
+    return pid;
+}
 
-private:
-    int ready_[2] = {-1, -1};
-    int release_[2] = {-1, -1};
-    pid_t pid_ = -1;
-    char state_ = '?';
-};
+void Kill(pid_t pid) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
 
 class SingleInstance : public ::testing::Test {
 protected:
-    void SetUp() override {
-        chmod(runtime_.path().c_str(), 0700);
-        setenv("XDG_RUNTIME_DIR", runtime_.path().c_str(), 1);
-    }
+    void SetUp() override { setenv("XDG_RUNTIME_DIR", runtime_.path().c_str(), 1); }
     TempDir runtime_;
 };
 
 }  // namespace
 
 TEST_F(SingleInstance, SecondStartSeesTheFirstUntilItEnds) {
-    EXPECT_EQ(0, RunInChild([] { return AppSeesAnotherLauncher() ? 1 : 0; }));
-    {
-        Holder first;
-        ASSERT_EQ('h', first.state());
-        EXPECT_EQ(1, RunInChild([] { return AppSeesAnotherLauncher() ? 1 : 0; }));
-        first.Release();
-        EXPECT_EQ(0, RunInChild([] { return AppSeesAnotherLauncher() ? 1 : 0; }));
-    }
-    // A holder that dies without cleaning up leaves no stale lock behind.
-    Holder crashed;
-    ASSERT_EQ('h', crashed.state());
-    crashed.Kill();
-    EXPECT_EQ(0, RunInChild([] { return AppSeesAnotherLauncher() ? 1 : 0; }));
-}
-
-TEST_F(SingleInstance, ProcessStartedByTheLauncherDoesNotKeepTheLock) {
-    Holder first("sleep 3");
-    ASSERT_EQ('h', first.state());
-    first.Release();
-    // The sleeping child outlives the launcher; the next login must still run.
-    EXPECT_EQ(0, RunInChild([] { return AppSeesAnotherLauncher() ? 1 : 0; }));
-}
-
-TEST_F(SingleInstance, LockIsPerUserFolderNotPerExecutable) {
-    Holder first;
-    ASSERT_EQ('h', first.state());
-    TempDir other;
-    // Another runtime folder (another user's session) has its own lock.
-    EXPECT_EQ(0, RunInChild([&other] {
-                  setenv("XDG_RUNTIME_DIR", other.path().c_str(), 1);
-                  return AppSeesAnotherLauncher() ? 1 : 0;
-              }));
-    // Without a runtime folder the lock lives in the home folder's cache.
+    EXPECT_EQ(0, RunInChild(SeesAnotherLauncher));
+    char seen;
+    const pid_t first = Hold(&seen);
+    ASSERT_EQ('0', seen);
+    EXPECT_EQ(1, RunInChild(SeesAnotherLauncher));
+    // Without a runtime folder the lock lives in the home folder's cache, a lock of its own.
     TempDir home;
     EXPECT_EQ(0, RunInChild([&home] {
                   unsetenv("XDG_RUNTIME_DIR");
                   setenv("HOME", home.path().c_str(), 1);
-                  return AppSeesAnotherLauncher() ? 1 : 0;
+                  return SeesAnotherLauncher();
               }));
     EXPECT_EQ(0, access((home.path() + "/.cache").c_str(), F_OK));
+    Kill(first);
+    EXPECT_EQ(0, RunInChild(SeesAnotherLauncher));
+}
+
+TEST_F(SingleInstance, ProcessStartedByTheLauncherDoesNotKeepTheLock) {
+    char seen;
+    Kill(Hold(&seen, "sleep 3"));
+    ASSERT_EQ('0', seen);
+    EXPECT_EQ(0, RunInChild(SeesAnotherLauncher));
 }
 
 TEST(LanguageCode, LocaleNamesMapToTheTranslatedLanguages) {
-    const struct {
-        const char* name;
-        const char* code;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"zh_CN.UTF-8", "chs"}, {"zh_SG", "chs"}, {"zh_TW.UTF-8", "cht"}, {"zh_HK", "cht"},
         {"cs_CZ", "csy"},       {"da_DK", "dan"}, {"en_GB.UTF-8", "enu"}, {"fr_CA", "fre"},
         {"de_DE@euro", "ger"},  {"hu_HU", "hun"}, {"it_IT", "ita"},       {"ja_JP", "jpn"},
@@ -163,30 +121,22 @@ TEST(LanguageCode, LocaleNamesMapToTheTranslatedLanguages) {
         {"th_TH.UTF-8", "tha"}, {"tr_TR", "trk"}, {"C", "enu"},           {"POSIX", "enu"},
         {"fi_FI", "enu"},       {"", "enu"},      {"xyz", "enu"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(QString(c.code), VeskLanguageCode(c.name)) << c.name;
-    }
+    for (const auto& [name, code] : cases)
+        EXPECT_EQ(QString(code), VeskLanguageCode(name)) << name;
 }
 
+// The C library's order: LANGUAGE, then LC_ALL, LC_MESSAGES, LANG.
 TEST(LanguageCode, EnvironmentIsReadInTheCLibrarysOrder) {
-    EXPECT_EQ(0, RunInChild([] {
-                  setenv("LANG", "de_DE.UTF-8", 1);
-                  setenv("LC_MESSAGES", "fr_FR.UTF-8", 1);
-                  setenv("LC_ALL", "it_IT.UTF-8", 1);
-                  setenv("LANGUAGE", "th:en", 1);
-                  if (VeskLocale::getInstance()->getDefaultLanguage() != "tha")
-                      return 1;
-                  unsetenv("LANGUAGE");
-                  if (VeskLocale::getInstance()->getDefaultLanguage() != "ita")
-                      return 2;
-                  unsetenv("LC_ALL");
-                  if (VeskLocale::getInstance()->getDefaultLanguage() != "fre")
-                      return 3;
-                  unsetenv("LC_MESSAGES");
-                  if (VeskLocale::getInstance()->getDefaultLanguage() != "ger")
-                      return 4;
-                  return 0;
-              }));
+    setenv("LANG", "de_DE.UTF-8", 1);
+    setenv("LC_MESSAGES", "fr_FR.UTF-8", 1);
+    setenv("LC_ALL", "it_IT.UTF-8", 1);
+    setenv("LANGUAGE", "th:en", 1);
+    for (auto [code, next] :
+         {std::make_pair("tha", "LANGUAGE"), std::make_pair("ita", "LC_ALL"),
+          std::make_pair("fre", "LC_MESSAGES"), std::make_pair("ger", "LANG")}) {
+        EXPECT_EQ(QString(code), VeskLocale::getInstance()->getDefaultLanguage());
+        unsetenv(next);
+    }
 }
 
 TEST(DisplayScale, StyleSheetPixelsScaleWithTheFactor) {
@@ -197,7 +147,6 @@ TEST(DisplayScale, StyleSheetPixelsScaleWithTheFactor) {
     EXPECT_DOUBLE_EQ(1.5, DPIinfo::getInstance()->getDPI());
     EXPECT_EQ("QLabel { margin: 15px 5px; border: 2.25px solid; font-size: 9pt; }",
               DPIinfo::getInstance()->getScaledStyleSheet(sheet));
-    EXPECT_EQ("no sizes", DPIinfo::getInstance()->getScaledStyleSheet("no sizes"));
     DPIinfoTestAccess::Force(0.0);
     // No application, no screen: the scale of a standard display.
     EXPECT_DOUBLE_EQ(1.0, DPIinfo::getInstance()->getDPI());
