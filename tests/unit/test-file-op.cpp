@@ -96,9 +96,8 @@ TEST_F(FileOpTest, InformationGivesTypeCodesAndKeepsLinksUnfollowed) {
     b.size += 1;
     EXPECT_TRUE(a != b);
     EXPECT_EQ("", Log());  // the plain information calls never log
-}
 
-TEST_F(FileOpTest, InformationUnderAnUnsearchableFolderFailsAndLeavesTheRecord) {
+    // Under an unsearchable folder: -1 and the record untouched.
     const std::string path = Locked("locked", 0600) + "/f";
     EXPECT_EQ(0, RunAsUnprivileged([&] {
                   _FILE_INFO_tag info;
@@ -131,7 +130,7 @@ TEST_F(FileOpTest, PathSplittersParentTestAndRealPath) {
     EXPECT_EQ(dir / "none/..", missing);
 }
 
-TEST_F(FileOpTest, MakeFolderOneLevelChainAndTheirFailures) {
+TEST_F(FileOpTest, MakeFolderOneLevelChainFromRootAndTheirFailures) {
     EXPECT_EQ(-2, FSMKDir(dir / "a/b/c", false));
     EXPECT_TRUE(Logged("[ERROR] file-op.cpp(583): path = " + dir / "a/b/c" +
                        " errno : No such file or directory\n"));
@@ -147,9 +146,7 @@ TEST_F(FileOpTest, MakeFolderOneLevelChainAndTheirFailures) {
     EXPECT_EQ(-2, FSMKDir(dir / "dangling/x/y", true));
     EXPECT_TRUE(Logged("path = " + dir / "dangling/x/y" + " errno : File exists\n"));
     EXPECT_FALSE(IsFileExist(dir / "gone", false));
-}
 
-TEST_F(FileOpTest, MakeFolderFromRootChecksTheRoot) {
     const std::string root = dir / "r";
     testsupport::MakeDirs(root);
     EXPECT_EQ(0, FSMKDirFromRoot(root + "/a/b", root));
