@@ -35,7 +35,6 @@
 #include "lib/desktop/ui-path-manager.h"
 #include "log/log.h"
 #include "service/linux/linux-service.h"
-#include "tests/unit/tree-snapshot.h"
 #include "tests/unit/user-paths.h"
 
 namespace {

@@ -1,26 +1,26 @@
 #pragma once
-// The path table filled the way the launcher fills it at start-up, for tests, the reliability
-// driver and the benchmarks.
+// The path table filled the way the launcher fills it at start-up, and tree snapshots, for the
+// service tests, the reliability driver and the benchmarks.
+
+#include <sys/stat.h>
 
 #include <QDir>
 #include <QString>
 
+#include <filesystem>
+#include <map>
 #include <string>
 
 #include "lib/desktop/ui-path-manager.h"
 #include "service/cloud-service.h"
+#include "tests/support/test-support.h"
 
 namespace servicetest {
 
-// The nine keys the launcher writes, in its order, each value cleaned; HOME is asked afresh
-// for every key, the system root is the folder above the launcher's own folder.
+// The nine keys the launcher writes, each value cleaned; the system root is the folder above
+// the launcher's own folder.
 inline void FillPathTable(const std::string& launcher_dir) {
-    UIPathManager* table = UIPathManager::getInstance();
-    const QString app_dir = QString::fromStdString(launcher_dir);
-    const struct {
-        const char* key;
-        const char* below_home;
-    } per_user[] = {
+    const char* const per_user[][2] = {
         {"user_corvane_quarn_path", "/.CorvaneQuarn"},
         {"user_corvane_quarn_app_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
         {"user_corvane_quarn_resource_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
@@ -30,11 +30,35 @@ inline void FillPathTable(const std::string& launcher_dir) {
         {"user_nimbrel_path", "/.Nimbrel"},
         {"user_nimbrel_resource_path", "/.Nimbrel/Nimbrel.app"},
     };
+    UIPathManager* table = UIPathManager::getInstance();
     for (const auto& row : per_user) {
-        table->setPath(QString::fromLatin1(row.key),
-                       QDir::cleanPath(Service::GetUserInstallPath() + row.below_home));
+        table->setPath(row[0], QDir::cleanPath(Service::GetUserInstallPath() + row[1]));
     }
-    table->setPath(QStringLiteral("root_resource_path"), QDir::cleanPath(app_dir + "/.."));
+    table->setPath("root_resource_path",
+                   QDir::cleanPath(QString::fromStdString(launcher_dir) + "/.."));
+}
+
+// Relative path -> type letter, mode bits and contents or link target: equal snapshots mean
+// byte-identical trees.
+using TreeSnapshot = std::map<std::string, std::string>;
+
+inline TreeSnapshot Snapshot(const std::string& root) {
+    namespace fs = std::filesystem;
+    TreeSnapshot tree;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(root, ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        struct stat st;
+        if (lstat(it->path().c_str(), &st) != 0) {
+            continue;
+        }
+        const std::string mode = std::to_string(st.st_mode & 07777) + ":";
+        tree[fs::relative(it->path(), root, ec).string()] =
+            S_ISLNK(st.st_mode)   ? "l" + mode + fs::read_symlink(it->path(), ec).string()
+            : S_ISDIR(st.st_mode) ? "d" + mode
+                                  : "f" + mode + testsupport::ReadFile(it->path());
+    }
+    return tree;
 }
 
 }  // namespace servicetest
