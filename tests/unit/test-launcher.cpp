@@ -110,12 +110,9 @@ private:
     const RunCase& c_;
 };
 
-// What the user saw of the dialog during one run.
-struct Watch : QObject {
-    Watch(Launcher& launcher, QProgressDialog* dialog) : dialog(dialog) {
-        launcher.installEventFilter(this);
-        dialog->installEventFilter(this);
-    }
+// Watches what the user sees of the dialog during one run.
+class LauncherRun : public QObject, public ::testing::TestWithParam<RunCase> {
+protected:
     bool eventFilter(QObject*, QEvent* e) override {
         // Queued slot calls reach the launcher as meta-call events; the last is LaunchDone.
         if (e->type() == QEvent::MetaCall)
@@ -123,12 +120,10 @@ struct Watch : QObject {
         shown |= e->type() == QEvent::Show;
         return false;
     }
-    QProgressDialog* dialog;
+    QProgressDialog* dialog = nullptr;
     bool shown = false;
     int value_before_last_call = -1;
 };
-
-class LauncherRun : public ::testing::TestWithParam<RunCase> {};
 
 }  // namespace
 
@@ -141,16 +136,17 @@ TEST_P(LauncherRun, WorkerSequence) {
     Launcher launcher;
     auto* service = new FakeService(c);
     LauncherTestAccess::ReplaceService(launcher, service);
-    QProgressDialog* dialog = LauncherTestAccess::dialog(launcher);
-    Watch watch(launcher, dialog);
+    dialog = LauncherTestAccess::dialog(launcher);
+    launcher.installEventFilter(this);
+    dialog->installEventFilter(this);
     launcher.Run();
     launcher.Start();
     EXPECT_EQ(0, QApplication::exec());
     Logger::Destroy();
     EXPECT_EQ(c.calls, service->calls);
-    EXPECT_EQ(c.shown, watch.shown);
+    EXPECT_EQ(c.shown, shown);
     EXPECT_FALSE(dialog->isVisible());
-    EXPECT_EQ(c.bar, watch.value_before_last_call);
+    EXPECT_EQ(c.bar, value_before_last_call);
     EXPECT_EQ(c.label, dialog->labelText());
     const std::string log = ReadFile(dir / "log");
     EXPECT_NE(std::string::npos, log.find(c.logged));
