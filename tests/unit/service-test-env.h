@@ -11,7 +11,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <string>
 #include <thread>
 
@@ -79,27 +78,22 @@ protected:
                       nimbrel = home + "/.Nimbrel", log_path = base / "launcher.log";
 };
 
-// A real child running `body`, ready (signal set-up done) when the constructor returns. A
-// thread reaps it at once, so that a probe with signal 0 sees it gone.
+// A real child running `body` with SIGTERM blocked, so that a SIGTERM sent before its handling
+// is in place waits for it (the body unblocks it). A thread reaps the child at once, so that a
+// probe with signal 0 sees it gone.
 class Child {
 public:
-    explicit Child(const std::function<void()>& body) {
-        int ready[2];
-        if (pipe(ready) != 0) {
-            return;
-        }
+    explicit Child(void (*body)()) {
+        sigset_t term, old;
+        sigemptyset(&term);
+        sigaddset(&term, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &term, &old);
         pid_ = fork();
         if (pid_ == 0) {
-            close(ready[0]);
-            ready_fd = ready[1];
             body();
             _exit(0);
         }
-        close(ready[1]);
-        char byte;
-        while (pid_ > 0 && read(ready[0], &byte, 1) < 0 && errno == EINTR) {
-        }
-        close(ready[0]);
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
         reaper_ = std::thread([this] {
             while (waitpid(pid_, &status_, 0) < 0 && errno == EINTR) {
             }
@@ -118,16 +112,8 @@ public:
         }
         return status_;
     }
-    // Called by the child's body once its signal handling is in place.
-    static void SignalReady() {
-        if (write(ready_fd, "r", 1) != 1) {
-            _exit(99);
-        }
-        close(ready_fd);
-    }
 
 private:
-    static inline int ready_fd = -1;
     pid_t pid_ = -1;
     std::thread reaper_;
     int status_ = 0;

@@ -1,7 +1,6 @@
 // The shared service operations: versions, install root, package installation with backup and
-// rollback, the folder copy, extraction, predecessor migration and aged folders.
+// rollback, the folder copy, predecessor migration and aged folders.
 
-#include "launcher/str-table.h"
 #include "tests/unit/service-test-env.h"
 
 namespace {
@@ -19,15 +18,6 @@ protected:
         ASSERT_TRUE(WriteFile(app + "/only-in-old", "old bytes") && MakeSampleInstall("121"));
     }
     std::string Backup(const std::string& suffix) const { return app + "_tmp" + suffix; }
-    // Runs the migration as an ordinary user, so that folder permissions count.
-    void MigrateAsUser() {
-        ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
-        EXPECT_EQ(testsupport::RunAsUnprivileged([] {
-                      LinuxService().MigrateService();
-                      return 0;
-                  }),
-                  0);
-    }
 };
 
 TEST_F(CloudServiceTest, LoadsVersionsFromBothInfoFilesOrLeavesThemEmpty) {
@@ -159,15 +149,6 @@ TEST_F(CloudServiceTest, LinkToAFolderInsideThePackageIsCopiedAsAFile) {
     EXPECT_NE(Log().find("CopyFile: read: Is a directory"), std::string::npos);
 }
 
-TEST_F(CloudServiceTest, ExtractPackageUnpacksTheArchiveIntoTheUserCopy) {
-    StrTable::InitStrTable();  // the progress texts, as the launcher loads them at start-up
-    ASSERT_TRUE(MakeSampleInstall("121"));
-    ASSERT_EQ(LinuxService().ExtractPackage(), 0);
-    EXPECT_EQ(Snapshot(app), Snapshot(Package()));
-    EXPECT_TRUE(
-        Logged("INFO", kCloud, 153, "extract package: '" + Package() + ".vbx' -> '" + app + "'\n"));
-}
-
 TEST_F(CloudServiceTest, MigrationMovesDataAndAlwaysRemovesTheOldFolder) {
     LinuxService service;
     service.MigrateService();  // nothing to migrate: only the new folder is made
@@ -190,20 +171,6 @@ TEST_F(CloudServiceTest, MigrationMovesDataAndAlwaysRemovesTheOldFolder) {
     EXPECT_TRUE(Logged("ERROR", kCloud, 287, "Failed to move data to Corvane Quarn folder\n"));
     EXPECT_FALSE(Exists(nimbrel));
     EXPECT_EQ(ReadFile(quarn + "/data/db/sync.db"), "rows");
-}
-
-TEST_F(CloudServiceTest, MigrationFailuresLeaveTheOldFolder) {
-    ASSERT_TRUE(WriteFile(nimbrel + "/data/old.db", "old rows"));
-    ASSERT_EQ(chmod(home.c_str(), 0755), 0);
-    MigrateAsUser();  // the new folder cannot be made: nothing is moved
-    EXPECT_TRUE(Logged("ERROR", kCloud, 278, "Failed to create Corvane Quarn folder\n"));
-    EXPECT_EQ(ReadFile(nimbrel + "/data/old.db"), "old rows");
-
-    ASSERT_TRUE(MakeDirs(quarn));
-    ASSERT_EQ(system(("chown 65534 '" + home + "' '" + quarn + "'").c_str()), 0);
-    MigrateAsUser();  // the old folder's contents belong to another user
-    EXPECT_TRUE(Logged("ERROR", kCloud, 293, "Failed to remove old .Nimbrel folder\n"));
-    EXPECT_TRUE(Exists(nimbrel));
 }
 
 TEST_F(CloudServiceTest, AgedAppFolderIsRemovedAndTheLineWrittenEveryRun) {

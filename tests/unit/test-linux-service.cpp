@@ -16,28 +16,24 @@ std::string InfoWithBuild(const std::string& build) {
            "\nicon_overlay_version=7\n";
 }
 
+// Takes SIGTERM as set up so far, and runs until a signal ends it.
 void RunUntilSignalled() {
-    Child::SignalReady();
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
     for (;;) {
         pause();
     }
 }
 
-volatile sig_atomic_t g_term_seen = 0;
-
 // Ends 1.5 s after SIGTERM: the probes at 0 s and 1 s find it alive, the next one finds it gone.
 void EndAfterSigterm() {
-    signal(SIGTERM, [](int) { g_term_seen = 1; });
-    sigset_t term, others;
-    sigemptyset(&term);
-    sigaddset(&term, SIGTERM);
-    sigprocmask(SIG_BLOCK, &term, &others);
-    Child::SignalReady();
-    while (!g_term_seen) {
-        sigsuspend(&others);
-    }
-    usleep(1500 * 1000);
-    _exit(7);
+    signal(SIGTERM, [](int) {
+        const timespec wait = {1, 500 * 1000 * 1000};
+        clock_nanosleep(CLOCK_MONOTONIC, 0, &wait, nullptr);
+        _exit(7);
+    });
+    RunUntilSignalled();
 }
 
 void IgnoreSigterm() {
@@ -45,19 +41,29 @@ void IgnoreSigterm() {
     RunUntilSignalled();
 }
 
-// Stops beside another process of the same group and user; 0 when that one survives.
-int StopLeavesOtherProcessAlive() {
+// Stops, as an ordinary user leading its own process group, beside another member of it whose
+// pid replaces %d in `line` (written unless empty or "keep"); 0 when the stop returned at once
+// and the member survived.
+int StopSignalsNothing(const std::string& pid_file, const std::string& line) {
+    setpgid(0, 0);
     const pid_t member = fork();
     if (member == 0) {
         for (;;) {
             pause();
         }
     }
+    char text[64];
+    snprintf(text, sizeof text, line.c_str(), member);
+    if (!line.empty() && line != "keep" && !WriteFile(pid_file, text)) {
+        return 3;
+    }
+    const Clock::time_point start = Clock::now();
     LinuxService().StopService();
+    const bool quick = SecondsSince(start) < 0.5;
     usleep(50 * 1000);
     const bool alive = waitpid(member, nullptr, WNOHANG) == 0;
     kill(member, SIGKILL);
-    return alive ? 0 : 1;
+    return !alive ? 1 : quick ? 0 : 2;
 }
 
 class LinuxServiceTest : public ServiceTest {
@@ -135,54 +141,47 @@ TEST_F(LinuxServiceTest, StopWaitsForTheClientAndKillsOnlyOneThatIgnoresSigterm)
     }
 }
 
-TEST_F(LinuxServiceTest, StalePidReturnsAtOnce) {
+// A missing, malformed, unreadable or stale pid file, and pids 0, -0 or negative (a signal to
+// them would reach a whole process group, -1 every process of the user): nothing is signalled.
+TEST_F(LinuxServiceTest, PidFileNamingNoLiveProcessStopsNothingAtOnce) {
     const pid_t gone = fork();
     if (gone == 0) {
         _exit(0);
     }
     ASSERT_GT(gone, 0);
     waitpid(gone, nullptr, 0);
-    WritePid("pid=" + std::to_string(gone) + "\n");
-    EXPECT_LT(TimedStop(), 0.5);
-    EXPECT_EQ(Log().find("[ERROR]"), std::string::npos);
-}
-
-TEST_F(LinuxServiceTest, MissingMalformedOrUnreadablePidFileStopsNothing) {
-    TimedStop();
-    EXPECT_TRUE(Logged("DEBUG", kLinux, 76,
-                       "pid file '" + PidFile() + "' does not exist, no need to terminate\n"));
-
-    Child ui(RunUntilSignalled);
-    WritePid("pid " + std::to_string(ui.pid()) + "\n");
-    EXPECT_LT(TimedStop(), 0.5);
-    EXPECT_TRUE(
-        Logged("NOTE", kLinux, 81, "Failed to read pid file '" + PidFile() + "', not exist ?\n"));
-
-    // Readable for root only: an ordinary user cannot read it.
-    WritePid("pid=" + std::to_string(ui.pid()) + "\n");
-    ASSERT_EQ(chmod(PidFile().c_str(), 0600), 0);
+    ASSERT_TRUE(MakeDirs(quarn));
     ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
-    EXPECT_EQ(testsupport::RunAsUnprivileged([] { return StopLeavesOtherProcessAlive(); }), 0);
-    EXPECT_EQ(CountInLog("[NOTE] linux-service.cpp(81)"), 2u);
-    EXPECT_EQ(kill(ui.pid(), 0), 0) << "nothing was signalled";
-}
-
-// A signal to 0 or a negative id would reach a whole process group (-1: every process the user
-// may signal, so that case runs as an ordinary user whose only other process must survive).
-TEST_F(LinuxServiceTest, PidThatNamesNoProcessSignalsNoProcessGroup) {
-    ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
-    for (const char* line : {"pid=0", "pid=abc", "pid=-0", "other=12", "pid=''"}) {
-        WritePid(std::string(line) + "\n");
-        EXPECT_EQ(testsupport::RunInChild([] {
-                      setpgid(0, 0);
-                      return StopLeavesOtherProcessAlive();
-                  }),
-                  0)
-            << line << ": the group was signalled";
-    }
-    for (const char* line : {"pid=-1", "pid= -2"}) {
-        WritePid(std::string(line) + "\n");
-        EXPECT_EQ(testsupport::RunAsUnprivileged(StopLeavesOtherProcessAlive), 0) << line;
+    ASSERT_EQ(chown(quarn.c_str(), 65534, 65534), 0);
+    const std::string pid_file = PidFile();
+    const std::string note =
+        "[NOTE] linux-service.cpp(81): Failed to read pid file '" + pid_file + "', not exist ?\n";
+    const struct {
+        std::string line, logs;
+    } cases[] = {
+        {"", "[DEBUG] linux-service.cpp(76): pid file '" + pid_file +
+                 "' does not exist, no need to terminate\n"},
+        {"pid %d\n", note},
+        {"keep", note},  // readable for root only
+        {"pid=" + std::to_string(gone) + "\n", ""},
+        {"pid=0\n", ""},
+        {"pid=-0\n", ""},
+        {"pid=abc\n", ""},
+        {"pid=''\n", ""},
+        {"other=%d\n", ""},
+        {"pid=-1\n", ""},
+        {"pid= -2\n", ""},
+    };
+    for (const auto& c : cases) {
+        fs::remove(pid_file);
+        if (c.line == "keep") {
+            ASSERT_TRUE(WriteFile(pid_file, "pid=1\n") && chmod(pid_file.c_str(), 0600) == 0);
+        }
+        const size_t logged = c.logs.empty() ? 0 : CountInLog(c.logs);
+        EXPECT_EQ(
+            testsupport::RunAsUnprivileged([&] { return StopSignalsNothing(pid_file, c.line); }), 0)
+            << c.line;
+        EXPECT_TRUE(c.logs.empty() || CountInLog(c.logs) == logged + 1) << c.line;
     }
     EXPECT_EQ(Log().find("[ERROR]"), std::string::npos);
 }
