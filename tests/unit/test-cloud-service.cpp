@@ -1,4 +1,4 @@
-// The shared service operations: versions, install root, package installation with backup and
+// The shared service operations: install root, package installation with backup and
 // rollback, the folder copy, predecessor migration and aged folders.
 
 #include "tests/unit/service-test-env.h"
@@ -19,27 +19,6 @@ protected:
     }
     std::string Backup(const std::string& suffix) const { return app + "_tmp" + suffix; }
 };
-
-TEST_F(CloudServiceTest, LoadsVersionsFromBothInfoFilesOrLeavesThemEmpty) {
-    LinuxService missing;
-    missing.LoadSourceVersion();
-    missing.LoadTargetVersion();
-    EXPECT_EQ(missing.source_version.build_version, "");
-    EXPECT_TRUE(Logged("INFO", kCloud, 172, "source does not exist\n"));
-    EXPECT_TRUE(Logged("INFO", kCloud, 207, "target_version = (, , , )\n"));
-
-    ASSERT_TRUE(MakeSampleInstall("121"));
-    ASSERT_TRUE(WriteFile(app + "/INFO",
-                          "[Version]\nmajor_version=2\nminor_version=9\nbuild_version=118b\n"
-                          "icon_overlay_version=4\n"));
-    LinuxService service;
-    service.LoadTargetVersion();
-    service.LoadSourceVersion();
-    EXPECT_EQ(service.target_version.build_version, "121");
-    EXPECT_EQ(service.source_version.build_version, "118b");
-    EXPECT_TRUE(Logged("INFO", kCloud, 207, "target_version = (3, 2, 121, 7)\n"));
-    EXPECT_TRUE(Logged("INFO", kCloud, 188, "source_version = (2, 9, 118b, 4)\n"));
-}
 
 TEST_F(CloudServiceTest, InstallRootIsHomeUnlessExactlyDeepinWithDataHome) {
     const QString h = QString::fromStdString(home);

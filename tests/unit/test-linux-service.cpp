@@ -108,6 +108,11 @@ TEST_F(LinuxServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
         EXPECT_EQ(service.IsNeedUpgrade(), c.upgrade)
             << "source " << c.source << ", target " << c.target << ", ui " << c.ui;
     }
+    const char* const kCloud = "cloud-service.cpp";
+    EXPECT_TRUE(Logged("INFO", kCloud, 172, "source does not exist\n"));
+    EXPECT_TRUE(Logged("INFO", kCloud, 207, "target_version = (, , , )\n"));
+    EXPECT_TRUE(Logged("INFO", kCloud, 207, "target_version = (3, 2, 121b, 7)\n"));
+    EXPECT_TRUE(Logged("INFO", kCloud, 188, "source_version = (3, 2, 120, 7)\n"));
     EXPECT_TRUE(Logged("DEBUG", kLinux, 60, "Source version: ('120', '7')\n"));
     EXPECT_TRUE(Logged("DEBUG", kLinux, 61, "Target version: ('121b', '7')\n"));
     EXPECT_TRUE(Logged("DEBUG", kLinux, 129, "source version = 120, target version = 121\n"));
@@ -153,35 +158,31 @@ TEST_F(LinuxServiceTest, PidFileNamingNoLiveProcessStopsNothingAtOnce) {
     ASSERT_TRUE(MakeDirs(quarn));
     ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
     ASSERT_EQ(chown(quarn.c_str(), 65534, 65534), 0);
-    const std::string pid_file = PidFile();
-    const std::string note =
-        "[NOTE] linux-service.cpp(81): Failed to read pid file '" + pid_file + "', not exist ?\n";
+    const std::string missing = "[DEBUG] linux-service.cpp(76): pid file '" + PidFile() +
+                                "' does not exist, no need to terminate\n";
+    const std::string unread =
+        "[NOTE] linux-service.cpp(81): Failed to read pid file '" + PidFile() + "', not exist ?\n";
+    const std::string stale = "pid=" + std::to_string(gone) + "\n";
     const struct {
-        std::string line, logs;
+        std::string line;  // "keep": a file readable for root only
+        const std::string* logs;
     } cases[] = {
-        {"", "[DEBUG] linux-service.cpp(76): pid file '" + pid_file +
-                 "' does not exist, no need to terminate\n"},
-        {"pid %d\n", note},
-        {"keep", note},  // readable for root only
-        {"pid=" + std::to_string(gone) + "\n", ""},
-        {"pid=0\n", ""},
-        {"pid=-0\n", ""},
-        {"pid=abc\n", ""},
-        {"pid=''\n", ""},
-        {"other=%d\n", ""},
-        {"pid=-1\n", ""},
-        {"pid= -2\n", ""},
+        {"", &missing},         {"pid %d\n", &unread},  {"keep", &unread},
+        {stale, nullptr},       {"pid=0\n", nullptr},   {"pid=-0\n", nullptr},
+        {"pid=abc\n", nullptr}, {"pid=''\n", nullptr},  {"other=%d\n", nullptr},
+        {"pid=-1\n", nullptr},  {"pid= -2\n", nullptr},
     };
     for (const auto& c : cases) {
-        fs::remove(pid_file);
+        fs::remove(PidFile());
         if (c.line == "keep") {
-            ASSERT_TRUE(WriteFile(pid_file, "pid=1\n") && chmod(pid_file.c_str(), 0600) == 0);
+            ASSERT_TRUE(WriteFile(PidFile(), "pid=1\n") && chmod(PidFile().c_str(), 0600) == 0);
         }
-        const size_t logged = c.logs.empty() ? 0 : CountInLog(c.logs);
+        const size_t logged = c.logs ? CountInLog(*c.logs) : 0;
         EXPECT_EQ(
-            testsupport::RunAsUnprivileged([&] { return StopSignalsNothing(pid_file, c.line); }), 0)
+            testsupport::RunAsUnprivileged([&] { return StopSignalsNothing(PidFile(), c.line); }),
+            0)
             << c.line;
-        EXPECT_TRUE(c.logs.empty() || CountInLog(c.logs) == logged + 1) << c.line;
+        EXPECT_TRUE(!c.logs || CountInLog(*c.logs) == logged + 1) << c.line;
     }
     EXPECT_EQ(Log().find("[ERROR]"), std::string::npos);
 }
