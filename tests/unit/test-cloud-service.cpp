@@ -46,31 +46,28 @@ TEST_F(CloudServiceTest, InstallRootIsHomeUnlessExactlyDeepinWithDataHome) {
     EXPECT_EQ(UIPathManager::getInstance()->getPath("user_nimbrel_path"), "/srv/dh/.Nimbrel");
 }
 
-TEST_F(CloudServiceTest, FreshInstallCopiesThePackageAndClearsAStaleBackup) {
-    ASSERT_TRUE(MakeSampleInstall("121") && WriteFile(Backup("") + "/left-over", "x"));
-    ASSERT_EQ(LinuxService().PrepareUserEnv(), 0);
-    EXPECT_EQ(Snapshot(app), Snapshot(Package()));
-    EXPECT_FALSE(Exists(Backup("")));
+// No old copy (a stale "_tmp" is cleared); an old copy goes to "_tmp", or to "_tmp1" when "_tmp"
+// is taken. Every name tried is removed after success.
+TEST_F(CloudServiceTest, InstallBacksUpTheOldCopyAndRemovesEveryBackupAfterSuccess) {
+    for (const int stale_backups : {1, 0, 1}) {
+        const bool old_copy = Exists(quarn);  // from the second round on
+        testsupport::RemoveTree(quarn);
+        if (old_copy) {
+            MakeOldCopy();
+        } else {
+            ASSERT_TRUE(MakeSampleInstall("121"));
+        }
+        ASSERT_TRUE(!stale_backups || WriteFile(Backup("") + "/stale", "interrupted run"));
+        const size_t failed = CountInLog("failed to backup app");
+        ASSERT_EQ(LinuxService().PrepareUserEnv(), 0);
+        EXPECT_EQ(Snapshot(app), Snapshot(Package()));
+        EXPECT_FALSE(Exists(Backup("")) || Exists(Backup("1")));
+        EXPECT_EQ(CountInLog("failed to backup app"), failed + (old_copy ? stale_backups : 0));
+    }
     EXPECT_TRUE(
         Logged("INFO", kCloud, 134, "copy package:'" + Package() + "' -> '" + app + "' \n"));
     EXPECT_TRUE(Logged("DEBUG", kCloud, 71, "copy from '" + Package() + "' to '" + app + "'\n"));
     EXPECT_TRUE(Logged("INFO", kCloud, 262, "user installation is ready, removing backup app\n"));
-}
-
-// With no blocker the old copy goes to "_tmp"; a blocked "_tmp" moves it on to "_tmp1". Either
-// way every name tried is removed after success.
-TEST_F(CloudServiceTest, OldCopyIsBackedUpAndTheBackupsRemovedAfterSuccess) {
-    for (const bool blocked : {false, true}) {
-        testsupport::RemoveTree(quarn);
-        MakeOldCopy();
-        if (blocked) {
-            ASSERT_TRUE(WriteFile(Backup("") + "/stale", "from an interrupted run"));
-        }
-        ASSERT_EQ(LinuxService().PrepareUserEnv(), 0);
-        EXPECT_EQ(Snapshot(app), Snapshot(Package()));
-        EXPECT_FALSE(Exists(Backup("")) || Exists(Backup("1")));
-        EXPECT_EQ(CountInLog("failed to backup app"), blocked ? 1u : 0u);
-    }
     EXPECT_TRUE(Logged("ERROR", kCloud, 236,
                        "failed to backup app from '" + app + "' -> '" + Backup("") + "'\n"));
 }
