@@ -27,8 +27,8 @@ QString LockFolder() {
 
 }  // namespace
 
-// The lock is taken before the application object is built, so a refused start costs nothing
-// but the open file. The kernel drops it when the holder ends, however it ends; O_CLOEXEC keeps
+// The lock is taken as soon as the application object exists, so a refused start costs
+// nothing but the open file. The kernel drops it when the holder ends, however it ends; O_CLOEXEC keeps
 // the client started through the start script from inheriting it and blocking the next login.
 QtSingleApplication::QtSingleApplication(int& argc, char** argv, bool GUIenabled)
     : QApplication(argc, argv, GUIenabled) {
