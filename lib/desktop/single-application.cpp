@@ -28,8 +28,8 @@ QString LockFolder() {
 }  // namespace
 
 // The lock is taken as soon as the application object exists, so a refused start costs
-// nothing but the open file. The kernel drops it when the holder ends, however it ends; O_CLOEXEC keeps
-// the client started through the start script from inheriting it and blocking the next login.
+// nothing but the open file. The kernel drops it when the holder ends, however it ends; O_CLOEXEC
+// keeps the client started through the start script from inheriting it and blocking the next login.
 QtSingleApplication::QtSingleApplication(int& argc, char** argv, bool GUIenabled)
     : QApplication(argc, argv, GUIenabled) {
     const QString folder = LockFolder();
