@@ -59,8 +59,7 @@ int FSRemove(const std::string& path, bool flag);
 int FSOpenDir(const std::string& path, int flags, DIR_HANDLE& handle);
 int FSReadDir(DIR_HANDLE& handle, DIR_ENTRY& entry);
 void FSCloseDir(DIR_HANDLE& handle);
-int FSCopy(const std::string& source, const std::string& dest, bool remove_source,
-           bool keep_mode);
+int FSCopy(const std::string& source, const std::string& dest, bool remove_source, bool keep_mode);
 int FSRename(const std::string& source, const std::string& dest, bool follow);
 int FSMktemp(const std::string& dir, std::string& out_path);
 int FSCreateTempPath(const std::string& dir, std::string& out_path);

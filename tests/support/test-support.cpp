@@ -21,7 +21,8 @@ TempDir::TempDir(const std::string& base) {
 }
 
 TempDir::~TempDir() {
-    if (!path_.empty()) RemoveTree(path_);
+    if (!path_.empty())
+        RemoveTree(path_);
 }
 
 bool WriteFile(const std::string& path, const std::string& contents) {
@@ -51,7 +52,8 @@ void RemoveTree(const std::string& path) {
     for (auto it = fs::recursive_directory_iterator(
              path, fs::directory_options::skip_permission_denied, ec);
          !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        if (it->is_directory(ec) && !it->is_symlink(ec)) chmod(it->path().c_str(), 0755);
+        if (it->is_directory(ec) && !it->is_symlink(ec))
+            chmod(it->path().c_str(), 0755);
     }
     chmod(path.c_str(), 0755);
     fs::remove_all(path, ec);
@@ -60,21 +62,25 @@ void RemoveTree(const std::string& path) {
 static int WaitForChild(pid_t pid) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
+        if (errno != EINTR)
+            return -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int RunInChild(const std::function<int()>& fn) {
     pid_t pid = fork();
-    if (pid < 0) return -1;
-    if (pid == 0) _exit(fn() & 0xff);
+    if (pid < 0)
+        return -1;
+    if (pid == 0)
+        _exit(fn() & 0xff);
     return WaitForChild(pid);
 }
 
 int RunAsUnprivileged(const std::function<int()>& fn) {
     return RunInChild([&fn]() {
-        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) return 254;
+        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
+            return 254;
         return fn();
     });
 }
