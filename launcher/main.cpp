@@ -33,26 +33,7 @@ void initialize_resources() {
 // The per-user paths hang off the user install root, asked for afresh for every key; the
 // system-wide root is the folder above the launcher's own "bin".
 void initializeQuarnPaths() {
-    static const struct {
-        const char* key;
-        const char* below_home;
-    } kUserPaths[] = {
-        {"user_corvane_quarn_path", "/.CorvaneQuarn"},
-        {"user_corvane_quarn_app_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
-        {"user_corvane_quarn_resource_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
-        {"user_corvane_quarn_data_path", "/.CorvaneQuarn/data"},
-        {"user_corvane_quarn_working_dir_path", "/.CorvaneQuarn/CorvaneQuarn.app/bin"},
-        {"user_corvane_quarn_ui_path", "/.CorvaneQuarn/CorvaneQuarn.app/bin/cloud-quarn-ui"},
-        {"user_nimbrel_path", "/.Nimbrel"},
-        {"user_nimbrel_resource_path", "/.Nimbrel/Nimbrel.app"},
-    };
-    UIPathManager* paths = UIPathManager::getInstance();
-    for (const auto& entry : kUserPaths) {
-        paths->setPath(entry.key,
-                       QDir::cleanPath(Service::GetUserInstallPath() + entry.below_home));
-    }
-    paths->setPath("root_resource_path",
-                   QDir::cleanPath(QCoreApplication::applicationDirPath() + "/.."));
+    FillQuarnPathTable(&Service::GetUserInstallPath, QCoreApplication::applicationDirPath());
 }
 
 void initialize_logger() {

@@ -3,6 +3,8 @@
 #include <QMap>
 #include <QString>
 
+#include <functional>
+
 // Process-wide table of named paths, filled once at start-up.
 class UIPathManager {
 public:
@@ -13,3 +15,9 @@ public:
 private:
     QMap<QString, QString> paths;
 };
+
+// Writes the launcher's nine keys: the per-user paths below the user install root (asked for
+// afresh for every key) and the system-wide root, the folder above the launcher's own folder.
+// Every value is cleaned (no trailing separator, no "." or "..").
+void FillQuarnPathTable(const std::function<QString()>& user_install_root,
+                        const QString& launcher_dir);

@@ -17,25 +17,9 @@
 
 namespace servicetest {
 
-// The nine keys the launcher writes, each value cleaned; the system root is the folder above
-// the launcher's own folder.
+// The path table as the launcher fills it; the system root is the folder above launcher_dir.
 inline void FillPathTable(const std::string& launcher_dir) {
-    const char* const per_user[][2] = {
-        {"user_corvane_quarn_path", "/.CorvaneQuarn"},
-        {"user_corvane_quarn_app_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
-        {"user_corvane_quarn_resource_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
-        {"user_corvane_quarn_data_path", "/.CorvaneQuarn/data"},
-        {"user_corvane_quarn_working_dir_path", "/.CorvaneQuarn/CorvaneQuarn.app/bin"},
-        {"user_corvane_quarn_ui_path", "/.CorvaneQuarn/CorvaneQuarn.app/bin/cloud-quarn-ui"},
-        {"user_nimbrel_path", "/.Nimbrel"},
-        {"user_nimbrel_resource_path", "/.Nimbrel/Nimbrel.app"},
-    };
-    UIPathManager* table = UIPathManager::getInstance();
-    for (const auto& row : per_user) {
-        table->setPath(row[0], QDir::cleanPath(Service::GetUserInstallPath() + row[1]));
-    }
-    table->setPath("root_resource_path",
-                   QDir::cleanPath(QString::fromStdString(launcher_dir) + "/.."));
+    FillQuarnPathTable(&Service::GetUserInstallPath, QString::fromStdString(launcher_dir));
 }
 
 // Relative path -> type letter, mode bits and contents or link target: equal snapshots mean
