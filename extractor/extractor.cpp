@@ -5,10 +5,9 @@
 
 #include <cstdio>
 
-#include <archive.h>
-#include <archive_entry.h>
-
 #include <QString>
+
+#include "extractor/archive-library.h"
 
 #include "launcher/notify-adapter.h"
 #include "launcher/str-table.h"
@@ -34,11 +33,11 @@ const int kDiskWriterOptions =
 static_assert(kDiskWriterOptions == 0x2210, "disk writer options changed");
 
 // A reader that recognises every format and compression; null when it cannot be made.
-struct archive* NewReader() {
-    struct archive* reader = archive_read_new();
+struct archive* NewReader(const ArchiveLibrary* lib) {
+    struct archive* reader = lib->archive_read_new();
     if (reader != nullptr) {
-        archive_read_support_filter_all(reader);
-        archive_read_support_format_all(reader);
+        lib->archive_read_support_filter_all(reader);
+        lib->archive_read_support_format_all(reader);
     }
     return reader;
 }
@@ -59,26 +58,27 @@ int ScanEntries(const std::string& source, const std::string& target, ScanLines 
         LOG_AT(ERROR, kComponent, lines.invalid, "Invalid argument\n");
         return -1;
     }
-    struct archive* reader = NewReader();
+    const ArchiveLibrary* lib = GetArchiveLibrary();
+    struct archive* reader = lib == nullptr ? nullptr : NewReader(lib);
     if (reader == nullptr) {
         LOG_AT(ERROR, kComponent, lines.alloc, "Allocate archive failed\n");
         return -1;
     }
-    if (archive_read_open_filename(reader, source.c_str(), kReadBlockSize) != ARCHIVE_OK) {
+    if (lib->archive_read_open_filename(reader, source.c_str(), kReadBlockSize) != ARCHIVE_OK) {
         LOG_AT(ERROR, kComponent, lines.open, "archive_read_open_filename failed: '%s'\n",
-               archive_error_string(reader));
-        archive_read_free(reader);
+               lib->archive_error_string(reader));
+        lib->archive_read_free(reader);
         return -1;
     }
     int count = 0;
     struct archive_entry* entry = nullptr;
-    while (archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
+    while (lib->archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
         ++count;
         visit(entry);
-        archive_read_data_skip(reader);
+        lib->archive_read_data_skip(reader);
     }
-    archive_read_close(reader);
-    archive_read_free(reader);
+    lib->archive_read_close(reader);
+    lib->archive_read_free(reader);
     return count;
 }
 
@@ -97,7 +97,8 @@ void Extractor::SetSource(const std::string& source) {
 }
 
 int Extractor::copy_data(struct archive* reader, struct archive* writer) {
-    if (reader == nullptr || writer == nullptr) {
+    const ArchiveLibrary* lib = GetArchiveLibrary();
+    if (reader == nullptr || writer == nullptr || lib == nullptr) {
         LOG_AT(ERROR, kComponent, 26, "Invalid Argument\n");
         return -1;
     }
@@ -105,18 +106,18 @@ int Extractor::copy_data(struct archive* reader, struct archive* writer) {
         const void* block = nullptr;
         size_t size = 0;
         la_int64_t offset = 0;
-        int r = archive_read_data_block(reader, &block, &size, &offset);
+        int r = lib->archive_read_data_block(reader, &block, &size, &offset);
         if (r == ARCHIVE_EOF) {
             return 0;
         }
         if (r != ARCHIVE_OK) {
             LOG_AT(ERROR, kComponent, 37, "archive_read_data_block failed: '%s'\n",
-                   archive_error_string(reader));
+                   lib->archive_error_string(reader));
             return -1;
         }
-        if (archive_write_data_block(writer, block, size, offset) != ARCHIVE_OK) {
+        if (lib->archive_write_data_block(writer, block, size, offset) != ARCHIVE_OK) {
             LOG_AT(ERROR, kComponent, 42, "archive_write_data_block failed: '%s'\n",
-                   archive_error_string(writer));
+                   lib->archive_error_string(writer));
             return -1;
         }
     }
@@ -128,8 +129,9 @@ int Extractor::Count() {
 }
 
 int Extractor::List() {
-    const int listed = ScanEntries(source, target, {101, 105, 117}, [](struct archive_entry* e) {
-        std::printf("%s\n", archive_entry_pathname(e));
+    const ArchiveLibrary* lib = GetArchiveLibrary();
+    const int listed = ScanEntries(source, target, {101, 105, 117}, [lib](struct archive_entry* e) {
+        std::printf("%s\n", lib->archive_entry_pathname(e));
     });
     return listed < 0 ? -1 : 0;
 }
@@ -153,61 +155,63 @@ int Extractor::Extract() {
     }
 
     int result = -1;
-    struct archive* reader = NewReader();
+    const ArchiveLibrary* lib = GetArchiveLibrary();  // loaded: Count succeeded
+    struct archive* reader = NewReader(lib);
     if (reader == nullptr) {
         LOG_AT(ERROR, kComponent, 171, "Allocate extractor failed\n");
         return result;
     }
-    struct archive* writer = archive_write_disk_new();
+    struct archive* writer = lib->archive_write_disk_new();
     if (writer == nullptr) {
         LOG_AT(ERROR, kComponent, 176, "Allocate extractor failed\n");
-        archive_read_free(reader);
+        lib->archive_read_free(reader);
         return result;
     }
-    archive_write_disk_set_options(writer, kDiskWriterOptions);
-    if (archive_read_open_filename(reader, source.c_str(), kReadBlockSize) != ARCHIVE_OK) {
+    lib->archive_write_disk_set_options(writer, kDiskWriterOptions);
+    if (lib->archive_read_open_filename(reader, source.c_str(), kReadBlockSize) != ARCHIVE_OK) {
         LOG_AT(ERROR, kComponent, 189, "Failed to read file '%s' ('%s')\n", source.c_str(),
-               archive_error_string(reader));
+               lib->archive_error_string(reader));
     } else {
         result = UnpackEntries(reader, writer, total);
     }
-    archive_read_free(reader);
-    archive_write_free(writer);
+    lib->archive_read_free(reader);
+    lib->archive_write_free(writer);
     return result;
 }
 
 int Extractor::UnpackEntries(struct archive* reader, struct archive* writer, int total) {
+    const ArchiveLibrary* lib = GetArchiveLibrary();
     Notify_Adapter* notify = Notify_Adapter::GetInstance();
     int current = 0;
     struct archive_entry* entry = nullptr;
     for (;;) {
-        int r = archive_read_next_header(reader, &entry);
+        int r = lib->archive_read_next_header(reader, &entry);
         if (r == ARCHIVE_EOF) {
             return 0;
         }
         if (r != ARCHIVE_OK) {
             LOG_AT(ERROR, kComponent, 198, "archive_read_next_header failed: '%s'\n",
-                   archive_error_string(reader));
+                   lib->archive_error_string(reader));
             return -1;
         }
-        const char* name = archive_entry_pathname(entry);
+        const char* name = lib->archive_entry_pathname(entry);
         if (name == nullptr) {
             LOG_AT(ERROR, kComponent, 213, "archive_entry_pathname failed");
             return -1;
         }
         // Only the entry's own name moves below the target; link targets stay as stored.
         const std::string path = target + "/" + name;
-        archive_entry_set_pathname(entry, path.c_str());
-        if (archive_read_extract2(reader, entry, writer) != ARCHIVE_OK) {
+        lib->archive_entry_set_pathname(entry, path.c_str());
+        if (lib->archive_read_extract2(reader, entry, writer) != ARCHIVE_OK) {
             LOG_AT(ERROR, kComponent, 220, "archive_read_extract2 failed: '%s'\n",
-                   archive_error_string(writer));
+                   lib->archive_error_string(writer));
             return -1;
         }
         ++current;
         notify->UpdateProgress(total, current);
-        if (archive_write_finish_entry(writer) != ARCHIVE_OK) {
+        if (lib->archive_write_finish_entry(writer) != ARCHIVE_OK) {
             LOG_AT(ERROR, kComponent, 228, "archive_write_finish_entry failed: '%s'\n",
-                   archive_error_string(writer));
+                   lib->archive_error_string(writer));
             return -1;
         }
     }

@@ -4,6 +4,8 @@
 #include <QCoreApplication>
 #include <QFont>
 #include <QIcon>
+#include <QImageReader>
+#include <QPixmap>
 
 #include <limits>
 
@@ -22,6 +24,14 @@ const char kComponent[] = "launcher_debug";
 const int kStrReady = 54;          // "%1 is ready."
 const int kStrClientName = 531;    // "Corvane Quarn Client"
 const int kStrInitializing = 716;  // "%1 is initializing..."
+
+// The icon is read as the PNG it is: left to guess the format, Qt would load every image
+// plugin of the system, at every login, for one small icon.
+QIcon IconFromPng(const QString& path) {
+    QImageReader reader(path, "png");
+    reader.setAutoDetectImageFormat(false);
+    return QIcon(QPixmap::fromImage(reader.read()));
+}
 
 }  // namespace
 
@@ -141,7 +151,7 @@ ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr) 
     const QString icon_path =
         UIPathManager::getInstance()->getPath("root_resource_path") + "/images/ico_72_nimbrel.png";
     setWindowTitle(StrTable::LoadStr(kStrClientName));
-    setWindowIcon(QIcon(icon_path));
+    setWindowIcon(IconFromPng(icon_path));
     // Title and system menu only: no minimise or maximise button.
     setWindowFlags(Qt::WindowTitleHint | Qt::WindowSystemMenuHint);
     setValue(0);

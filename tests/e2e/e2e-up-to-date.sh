@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# A user copy at the package's build: no upgrade, the client is started, exit 0; and the log's
-# seven ">>>" lines show only the first character of each path.
+# A user copy at the package's build: no upgrade, the client is started, exit 0, and the archive
+# library is never loaded; the log's seven ">>>" lines show only the first character of each path.
 . "$(dirname "$0")/e2e-lib.sh"
 
 make_root
@@ -8,13 +8,16 @@ make_user_copy "$PKG_BUILD"
 stamp=$(stat -c %Y.%i "$APP_DIR/INFO")
 
 rc=0
-run_launcher || rc=$?
+mkdir "$WORK/loaded"
+launcher_env LD_DEBUG=files LD_DEBUG_OUTPUT="$WORK/loaded/lib" "$ROOT/bin/cloud-quarn-launcher" || rc=$?
 [[ $rc -eq 0 ]] || fail "exit code $rc"
 pid=$(wait_for_client) || fail "the client did not start"
 [[ $(clients | wc -l) -eq 1 ]] || fail "more than one client"
 [[ "$(stat -c %Y.%i "$APP_DIR/INFO")" == "$stamp" ]] || fail "the copy was touched"
 [[ $(count "launcher.cpp(97): no need to upgrade") -eq 1 ]] || fail "upgrade decision wrong"
 [[ $(count "copy package") -eq 0 ]] || fail "package copied"
+grep -q "file=libQt5Core" "$WORK"/loaded/lib.* || fail "no record of the libraries loaded"
+! grep -q "file=libarchive" "$WORK"/loaded/lib.* || fail "the archive library was loaded"
 
 # Each value is the path's first character ("/" for a set key, nothing for an unset one).
 expect_line() {  # line number, key, shown value
