@@ -1,7 +1,6 @@
 #include "lib/desktop/dpi-info.h"
 
 #include <QGuiApplication>
-#include <QRegularExpression>
 #include <QScreen>
 
 #include <cmath>
@@ -22,23 +21,54 @@ double DPIinfo::getDPI() {
     return dpi > 0.0 ? dpi / 96.0 : 1.0;
 }
 
+namespace {
+
+bool IsDigit(QChar c) {
+    return c >= QLatin1Char('0') && c <= QLatin1Char('9');
+}
+
+int DigitsEnd(const QString& text, int from) {
+    while (from < text.size() && IsDigit(text[from])) {
+        ++from;
+    }
+    return from;
+}
+
+// Whole pixels stay whole; a fractional size keeps two decimals.
+QString ScaledPixels(const QString& number, double factor) {
+    const double scaled = number.toDouble() * factor;
+    if (number.contains(QLatin1Char('.'))) {
+        return QString::number(std::round(scaled * 100.0) / 100.0) + "px";
+    }
+    return QString::number(std::lround(scaled)) + "px";
+}
+
+}  // namespace
+
+// Scales every "<digits>[.<digits>]px". A plain scan rather than a regular expression: the
+// sheet is scaled at every login, and compiling a pattern would cost more than the scan.
 QString DPIinfo::getScaledStyleSheet(QString sheet) {
     const double factor = getDPI();
-    static const QRegularExpression kPixels("(\\d+(?:\\.\\d+)?)px");
     QString out;
     int last = 0;
-    auto it = kPixels.globalMatch(sheet);
-    while (it.hasNext()) {
-        const QRegularExpressionMatch m = it.next();
-        out += sheet.midRef(last, m.capturedStart() - last);
-        // Whole pixels stay whole; a fractional size keeps two decimals.
-        const double scaled = m.captured(1).toDouble() * factor;
-        if (m.captured(1).contains('.')) {
-            out += QString::number(std::round(scaled * 100.0) / 100.0) + "px";
-        } else {
-            out += QString::number(std::lround(scaled)) + "px";
+    int at = 0;
+    while (at < sheet.size()) {
+        if (!IsDigit(sheet[at])) {
+            ++at;
+            continue;
         }
-        last = m.capturedEnd();
+        const int whole_end = DigitsEnd(sheet, at);
+        int end = whole_end;
+        if (end + 1 < sheet.size() && sheet[end] == QLatin1Char('.') && IsDigit(sheet[end + 1])) {
+            end = DigitsEnd(sheet, end + 1);
+        }
+        if (sheet.midRef(end, 2) != QLatin1String("px")) {
+            at = whole_end;  // a number without a unit; what follows it may still be one
+            continue;
+        }
+        out += sheet.midRef(last, at - last);
+        out += ScaledPixels(sheet.mid(at, end - at), factor);
+        last = at = end + 2;
     }
     out += sheet.midRef(last);
     return out;
