@@ -25,31 +25,21 @@ const int kStrReady = 54;          // "%1 is ready."
 const int kStrClientName = 531;    // "Corvane Quarn Client"
 const int kStrInitializing = 716;  // "%1 is initializing..."
 
-// The icon is read as the PNG it is: left to guess the format, Qt would load every image
-// plugin of the system, at every login, for one small icon.
-QIcon IconFromPng(const QString& path) {
-    QImageReader reader(path, "png");
-    reader.setAutoDetectImageFormat(false);
-    return QIcon(QPixmap::fromImage(reader.read()));
-}
-
 }  // namespace
 
-// The worker lives on its own thread and the adapter on this one, so every automatic
-// connection below is queued: sigStart is served on the worker thread, and the worker's and
-// the extractor's reports (the latter through the adapter) on the GUI thread, which alone
-// touches the dialog.
-//
-// The dialog gives up its cancel button (nothing may stop an upgrade half-way), keeps its
-// bar at 100 when it gets there, and does not block the desktop while it is up.
+// Every automatic connection below is queued, the worker living on its own thread and the
+// adapter on this one: sigStart is served on the worker thread, all reports on the GUI thread,
+// which alone touches the dialog. Nothing may stop an upgrade half-way: the dialog has no
+// cancel button, and closing it (Esc, the window's close) only hides it, the application ends
+// when the work is done. The bar stays at 100 once there; the desktop is never blocked.
 Launcher::Launcher() {
     worker = new Worker();
     dialog = new ProcessingProgressDialog();
     dialog->setCancelButton(nullptr);
     dialog->setAutoReset(false);
     dialog->setModal(false);
-
-    // One line per connection, kept whole so each reads as sender, signal, receiver, slot.
+    dialog->setAttribute(Qt::WA_QuitOnClose, false);
+    // One line per connection, so each reads as sender, signal, receiver, slot.
     // clang-format off
     connect(this, SIGNAL(sigStart()), worker, SLOT(HandleServicce()));
     connect(worker, SIGNAL(sigShowMsg()), this, SLOT(ShowMsgBox()));
@@ -145,6 +135,18 @@ void Worker::HandleServicce() {
     LOG_AT(DEBUG, kComponent, 120, "done\n");
     emit sigServiceDone();
 }
+
+namespace {
+
+// The icon is read as the PNG it is: left to guess the format, Qt would load every image
+// plugin of the system, at every login, for one small icon.
+QIcon IconFromPng(const QString& path) {
+    QImageReader reader(path, "png");
+    reader.setAutoDetectImageFormat(false);
+    return QIcon(QPixmap::fromImage(reader.read()));
+}
+
+}  // namespace
 
 ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr) {
     const QFont font = QApplication::font();

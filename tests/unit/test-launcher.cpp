@@ -4,8 +4,12 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QCloseEvent>
 #include <QEvent>
+#include <QKeyEvent>
 #include <QPushButton>
+#include <QTimer>
+#include <QWindow>
 
 #include <cstdlib>
 #include <string>
@@ -75,6 +79,7 @@ struct RunCase {
     int bar;  // the dialog's value when the launcher finishes
     QString label;
     const char* logged;
+    enum { kNone, kEscape, kWindowClose } closes = kNone;  // what the user does to the dialog
 };
 void PrintTo(const RunCase& c, std::ostream* os) {
     *os << c.name;
@@ -88,7 +93,9 @@ public:
     void StopService() override { calls += "Stop "; }
     int HandlePackageUpgrade() override {
         calls += "Handle ";
-        if (c_.report) {  // what the extractor does while it unpacks
+        if (c_.closes != RunCase::kNone)
+            usleep(300 * 1000);  // the user closes the dialog meanwhile
+        if (c_.report) {         // what the extractor does while it unpacks
             Notify_Adapter::GetInstance()->UpdateDialogText("unpacking");
             Notify_Adapter::GetInstance()->UpdateProgress(10, 4);
         }
@@ -117,8 +124,21 @@ protected:
         // Queued slot calls reach the launcher as meta-call events; the last is LaunchDone.
         if (e->type() == QEvent::MetaCall)
             value_before_last_call = dialog->value();
+        if (e->type() == QEvent::Show && !shown)
+            CloseAsTheUserDoes(GetParam().closes);
         shown |= e->type() == QEvent::Show;
         return false;
+    }
+    void CloseAsTheUserDoes(decltype(RunCase::closes) how) {
+        if (how == RunCase::kEscape) {
+            QCoreApplication::postEvent(
+                dialog, new QKeyEvent(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier));
+        } else if (how == RunCase::kWindowClose) {
+            QTimer::singleShot(0, dialog, [this] {  // as the window manager's close arrives
+                QCloseEvent close;
+                QCoreApplication::sendEvent(dialog->windowHandle(), &close);
+            });
+        }
     }
     QProgressDialog* dialog = nullptr;
     bool shown = false;
@@ -166,7 +186,13 @@ INSTANTIATE_TEST_SUITE_P(
                 kClient + " is initializing...",
                 "[ERROR] launcher.cpp(104): Failed to upgrade package\n"},
         RunCase{"ExtractorReports", true, -1, true, 0, "Pre IsNeed Handle Post ", true, 40,
-                "unpacking", "[DEBUG] launcher.cpp(120): done\n"}),
+                "unpacking", "[DEBUG] launcher.cpp(120): done\n"},
+        // Closing the dialog hides it; the upgrade and the client's start still run through.
+        RunCase{"EscapeDuringUpgrade", true, 0, false, 0, "Pre IsNeed Handle Post ", true, 100,
+                kClient + " is ready.", "[DEBUG] launcher.cpp(120): done\n", RunCase::kEscape},
+        RunCase{"WindowClosedDuringUpgrade", true, 0, false, 0, "Pre IsNeed Handle Post ", true,
+                100, kClient + " is ready.", "[DEBUG] launcher.cpp(120): done\n",
+                RunCase::kWindowClose}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(PathTable, NineKeysBelowTheInstallRootCleaned) {
