@@ -76,6 +76,13 @@ void LinuxService::StopService() {
                  pidfile.c_str(), value.c_str());
         return;
     }
+    // A pid file left by a client of an earlier session can name an id that now belongs to
+    // this launcher; stopping it would end this login's upgrade and client start.
+    if (pid == getpid()) {
+        LOG_HERE(NOTE, kComponent, "pid file '%s' names this launcher (pid %d), nothing to stop\n",
+                 pidfile.c_str(), static_cast<int>(pid));
+        return;
+    }
 
     if (kill(pid, SIGTERM) != 0) {
         const int err = errno;

@@ -42,8 +42,8 @@ void IgnoreSigterm() {
 }
 
 // Stops, as an ordinary user leading its own process group, beside another member of it whose
-// pid replaces %d in `line` (written unless empty or "keep"); 0 when the stop returned at once
-// and the member survived.
+// pid replaces %d in `line` (written unless empty or "keep"; "self" names the stopping process);
+// 0 when the stop returned at once and both survived.
 int StopSignalsNothing(const std::string& pid_file, const std::string& line) {
     setpgid(0, 0);
     const pid_t member = fork();
@@ -53,7 +53,8 @@ int StopSignalsNothing(const std::string& pid_file, const std::string& line) {
         }
     }
     char text[64];
-    snprintf(text, sizeof text, line.c_str(), member);
+    snprintf(text, sizeof text, line == "self" ? "pid=%d\n" : line.c_str(),
+             line == "self" ? getpid() : member);
     if (!line.empty() && line != "keep" && !WriteFile(pid_file, text)) {
         return 3;
     }
@@ -150,8 +151,9 @@ TEST_F(LinuxServiceTest, StopWaitsForTheClientAndKillsOnlyOneThatIgnoresSigterm)
     }
 }
 
-// A missing, malformed, unreadable or stale pid file, and pids 0, -0 or negative (a signal to
-// them would reach a whole process group, -1 every process of the user): nothing is signalled.
+// A missing, malformed, unreadable or stale pid file, pids 0, -0 or negative (a signal to
+// them would reach a whole process group, -1 every process of the user) and the launcher's
+// own pid: nothing is signalled.
 TEST_F(LinuxServiceTest, PidFileNamingNoLiveProcessStopsNothingAtOnce) {
     const pid_t gone = fork();
     if (gone == 0) {
@@ -174,7 +176,7 @@ TEST_F(LinuxServiceTest, PidFileNamingNoLiveProcessStopsNothingAtOnce) {
         {"", &missing},         {"pid %d\n", &unread},  {"keep", &unread},
         {stale, nullptr},       {"pid=0\n", nullptr},   {"pid=-0\n", nullptr},
         {"pid=abc\n", nullptr}, {"pid=''\n", nullptr},  {"other=%d\n", nullptr},
-        {"pid=-1\n", nullptr},  {"pid= -2\n", nullptr},
+        {"pid=-1\n", nullptr},  {"pid= -2\n", nullptr}, {"self", nullptr},
     };
     for (const auto& c : cases) {
         fs::remove(PidFile());
