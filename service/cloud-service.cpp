@@ -21,6 +21,16 @@ bool IsDotEntry(const std::string& name) {
     return name == "." || name == "..";
 }
 
+// What a listed entry is: as the listing says, or, where the file system does not say (0), as
+// the entry itself says, so that no folder of the package is ever copied as a file.
+int EntryType(const std::string& path, const DIR_ENTRY& entry) {
+    _FILE_INFO_tag info;
+    if (entry.type != 0 || FSStat(path, info, false) < 0) {
+        return entry.type;
+    }
+    return info.type;
+}
+
 // A path-table value as the narrow string the file layer takes.
 std::string PathOf(const char* key) {
     return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toUtf8().toStdString();
@@ -123,7 +133,7 @@ int Service::FSCopyPath(const std::string& source, const std::string& dest) {
         }
         const std::string s = source + "/" + entry.name;
         const std::string d = dest + "/" + entry.name;
-        const int rc = entry.type == 2 ? FSCopyPath(s, d) : FSCopy(s, d, false, true);
+        const int rc = EntryType(s, entry) == 2 ? FSCopyPath(s, d) : FSCopy(s, d, false, true);
         if (rc < 0) {
             LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
                    s.c_str(), d.c_str());
