@@ -131,7 +131,8 @@ int Extractor::Count() {
 int Extractor::List() {
     const ArchiveLibrary* lib = GetArchiveLibrary();
     const int listed = ScanEntries(source, target, {101, 105, 117}, [lib](struct archive_entry* e) {
-        std::printf("%s\n", lib->archive_entry_pathname(e));
+        const char* name = lib->archive_entry_pathname(e);  // some formats allow none
+        std::printf("%s\n", name ? name : "");
     });
     return listed < 0 ? -1 : 0;
 }

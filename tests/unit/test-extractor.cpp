@@ -6,6 +6,7 @@
 #include <climits>
 #include <ctime>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -223,6 +224,22 @@ TEST_F(ExtractorTest, DamagedArchiveKeepsTheEntriesBeforeTheDamage) {
     EXPECT_FALSE(Exists(target + "/f11"));
     EXPECT_EQ(shown, Shown(10, 10));
     EXPECT_TRUE(Logged("ERROR", 198, "archive_read_next_header failed: '"));
+}
+
+// A 7z holding one empty file whose name was never stored: listed as an empty line, and
+// refused by the extraction rather than written somewhere.
+TEST_F(ExtractorTest, EntryWithoutANameIsListedButNotExtracted) {
+    const unsigned char nameless_7z[] = {
+        0x37, 0x7a, 0xbc, 0xaf, 0x27, 0x1c, 0x00, 0x04, 0x1a, 0xaf, 0xa1, 0x3d, 0x00, 0x00, 0x00,
+        0x00, 0x00, 0x00, 0x00, 0x00, 0x0b, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x41, 0x57,
+        0xcf, 0x2d, 0x01, 0x05, 0x01, 0x0e, 0x01, 0x80, 0x0f, 0x01, 0x80, 0x00, 0x00};
+    const std::string source = tmp / "nameless.7z";
+    ASSERT_TRUE(WriteFile(source, std::string(std::begin(nameless_7z), std::end(nameless_7z))));
+    Extractor x = Make(source, target);
+    EXPECT_EQ(x.Count(), 1);
+    EXPECT_EQ(x.List(), 0);
+    EXPECT_EQ(x.Extract(), -1);
+    EXPECT_TRUE(Logged("ERROR", 213, "archive_entry_pathname failed"));
 }
 
 // Hostile entries: an absolute name stays inside the target and ../x is refused. Link
