@@ -45,7 +45,7 @@ QString ScaledPixels(const QString& number, double factor) {
 
 }  // namespace
 
-// Scales every "<digits>[.<digits>]px". A plain scan rather than a regular expression: the
+// Scales every "[<digits>][.<digits>]px". A plain scan rather than a regular expression: the
 // sheet is scaled at every login, and compiling a pattern would cost more than the scan.
 QString DPIinfo::getScaledStyleSheet(QString sheet) {
     const double factor = getDPI();
@@ -65,6 +65,9 @@ QString DPIinfo::getScaledStyleSheet(QString sheet) {
         if (sheet.midRef(end, 2) != QLatin1String("px")) {
             at = whole_end;  // a number without a unit; what follows it may still be one
             continue;
+        }
+        if (at > last && sheet[at - 1] == QLatin1Char('.')) {
+            --at;  // ".5px" has no digit before its point
         }
         out += sheet.midRef(last, at - last);
         out += ScaledPixels(sheet.mid(at, end - at), factor);

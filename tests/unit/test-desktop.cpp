@@ -138,9 +138,9 @@ TEST(DisplayScale, StyleSheetPixelsScaleWithTheFactor) {
     EXPECT_EQ("QLabel { margin: 15px 5px; border: 2.25px solid; font-size: 9pt; }",
               DPIinfo::getInstance()->getScaledStyleSheet(sheet));
     // Only whole "<number>px" tokens scale, wherever they stand.
-    EXPECT_EQ(
-        "a:3px;b:1.5em 3.75px;c:2.px;d:x2px2px;e:7",
-        DPIinfo::getInstance()->getScaledStyleSheet("a:2px;b:1.5em 2.5px;c:2.px;d:x1px1px;e:7"));
+    EXPECT_EQ("a:3px;b:1.5em 3.75px;c:2.px;d:x2px2px;e:7;f:0.75px",
+              DPIinfo::getInstance()->getScaledStyleSheet(
+                  "a:2px;b:1.5em 2.5px;c:2.px;d:x1px1px;e:7;f:.5px"));
     DPIinfoTestAccess::Force(0.0);
     // No application, no screen: the scale of a standard display.
     EXPECT_DOUBLE_EQ(1.0, DPIinfo::getInstance()->getDPI());
