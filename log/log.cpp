@@ -235,7 +235,10 @@ int Logger::PrintToFilePointerV(const char* format, va_list args) {
         FlushFileStream(0);
         return -1;
     }
-    return FlushFileStream(head + body);
+    // Counted as handed over even when the flush fails: the size check then errs towards an
+    // early rotation, never towards an endless file.
+    FlushFileStream(head + body);
+    return head + body;
 }
 
 int Logger::FlushFileStream(int written) {
