@@ -30,7 +30,7 @@ const int kStrInitializing = 716;  // "%1 is initializing..."
 // Every automatic connection below is queued, the worker living on its own thread and the
 // adapter on this one: sigStart is served on the worker thread, all reports on the GUI thread,
 // which alone touches the dialog. Nothing may stop an upgrade half-way: the dialog has no
-// cancel button, and closing it (Esc, the window's close) only hides it, the application ends
+// cancel button, and closing it (Esc, the window's close) only hides it; the application ends
 // when the work is done. The bar stays at 100 once there; the desktop is never blocked.
 Launcher::Launcher() {
     worker = new Worker();
