@@ -48,6 +48,7 @@ int StopSignalsNothing(const std::string& pid_file, const std::string& line) {
     setpgid(0, 0);
     const pid_t member = fork();
     if (member == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a stopper that got signalled
         for (;;) {
             pause();
         }
