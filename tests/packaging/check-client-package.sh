@@ -24,7 +24,5 @@ expected=("$r/INFO: malformed INFO" "$p/INFO: missing INFO" "$p/package/start-st
     "$p/bin/device: device" "$p/bin/socket: socket")
 rc=0 && out=$("$check" "$r") || rc=$?
 [[ $rc -eq 1 ]] || fail "exit $rc for a payload with problems, not 1:" "$out"
-for line in "${expected[@]}"; do
-    grep -qF "$line" <<<"$out" || fail "not named: $line" "in:" "$out"
-done
+for line in "${expected[@]}"; do grep -qF "$line" <<<"$out" || fail "not named: $line" "in:" "$out"; done
 [[ $(wc -l <<<"$out") -eq ${#expected[@]} ]] || fail "lines beyond the problems made:" "$out"

@@ -19,9 +19,7 @@ check "$work/stage" /usr/local/quarn \
 "$SOURCE_DIR/scripts/make-sample-install" "$work/payload" 121
 cmake -S "$SOURCE_DIR" -B "$work/build" -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/srv/quarn \
     -DLAUNCHER_CLIENT_PAYLOAD="$work/payload" >/dev/null
-for component in client autostart; do
-    DESTDIR=$work/client cmake --install "$work/build" --component $component >/dev/null
-done
+for part in client autostart; do DESTDIR=$work/client cmake --install "$work/build" --component $part >/dev/null; done
 check "$work/client" /srv/quarn "./INFO ./images/ico_72_nimbrel.png ./package/nimbrel.vbx \
 ./package/nimbrel/INFO ./package/nimbrel/bin/cloud-quarn-ui ./package/nimbrel/package/start-stop \
 ./package/nimbrel/share/doc/README"
