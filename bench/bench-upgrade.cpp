@@ -32,7 +32,6 @@
 #include "log/log.h"
 #include "service/cloud-service.h"
 #include "service/linux/linux-service.h"
-#include "tests/unit/user-paths.h"
 
 namespace {
 
@@ -60,7 +59,7 @@ std::string Quote(const std::string& path) {
 void UseInstallation(const std::string& home, const std::string& root) {
     setenv("HOME", home.c_str(), 1);
     unsetenv("XDG_CURRENT_DESKTOP");
-    servicetest::FillPathTable(root + "/bin");
+    FillQuarnPathTable(&Service::GetUserInstallPath, QString::fromStdString(root + "/bin"));
     UIPathManager* table = UIPathManager::getInstance();
     g_app = table->getPath("user_corvane_quarn_app_path").toStdString();
 }

@@ -1,22 +1,25 @@
 #pragma once
-// Shared set-up of the upgrade service tests: a temporary HOME with the path table filled the
-// way the launcher fills it, a sample system-wide installation, a real log file and real
-// child processes.
+// Shared set-up of the upgrade service tests and the reliability driver: a temporary HOME with
+// the path table filled the way the launcher fills it, a sample system-wide installation, a
+// real log file, real child processes and tree manifests.
 
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
+#include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 
+#include "lib/desktop/ui-path-manager.h"
 #include "log/log.h"
 #include "service/linux/linux-service.h"
-#include "tests/unit/user-paths.h"
+#include "tests/support/test-support.h"
 
 namespace servicetest {
 
@@ -28,6 +31,31 @@ using testsupport::WriteFile;
 
 inline double SecondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// The path table as the launcher fills it; the system root is the folder above launcher_dir.
+inline void FillPathTable(const std::string& launcher_dir) {
+    FillQuarnPathTable(&Service::GetUserInstallPath, QString::fromStdString(launcher_dir));
+}
+
+// Relative path -> type, mode bits and digest of the contents or link target.
+using TreeSnapshot = std::map<std::string, std::string>;
+inline TreeSnapshot Snapshot(const std::string& root) {
+    TreeSnapshot tree;
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(root, ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        struct stat st;
+        if (lstat(it->path().c_str(), &st) == 0) {
+            const std::string bytes = S_ISLNK(st.st_mode)
+                                          ? fs::read_symlink(it->path(), ec).string()
+                                      : S_ISREG(st.st_mode) ? ReadFile(it->path())
+                                                            : "";
+            tree[fs::relative(it->path(), root, ec)] =
+                std::to_string(st.st_mode) + ":" + std::to_string(std::hash<std::string>{}(bytes));
+        }
+    }
+    return tree;
 }
 
 // HOME and the system-wide root in one temporary folder, every service line in a real log.
@@ -46,27 +74,32 @@ protected:
     }
     void TearDown() override { Logger::Destroy(); }
 
-    // Makes the sample installation (scripts/make-sample-install) at this build.
+    // The sample installation (scripts/make-sample-install) at this build.
     bool MakeSampleInstall(const std::string& build) const {
-        return system(("'" LAUNCHER_SOURCE_DIR "/scripts/make-sample-install' '" + root + "' '" +
-                       build + "'")
-                          .c_str()) == 0;
+        return system(
+                   ("'" LAUNCHER_SOURCE_DIR "/scripts/make-sample-install' '" + root + "' " + build)
+                       .c_str()) == 0;
+    }
+    // The package at build 121 over an old user copy at build 120 with a file of its own.
+    void MakeOldCopy() {
+        ASSERT_TRUE(MakeSampleInstall("120") && MakeDirs(quarn));
+        ASSERT_EQ(system(("cp -a '" + Package() + "' '" + app + "'").c_str()), 0);
+        ASSERT_TRUE(WriteFile(app + "/only-in-old", "old bytes") && MakeSampleInstall("121"));
     }
     std::string Package() const { return root + "/package/nimbrel"; }
     bool Exists(const std::string& path) const {
         std::error_code ec;
         return fs::exists(fs::symlink_status(path, ec));
     }
-    std::string Log() const { return ReadFile(log_path); }
-    // True when the log holds a line of this level, source file and line number with this text.
-    bool Logged(const char* level, const char* file, int line, const std::string& text) const {
-        return Log().find(std::string("[") + level + "] " + file + "(" + std::to_string(line) +
-                          "): " + text) != std::string::npos;
-    }
-    size_t CountInLog(const std::string& text) const {
-        const std::string log = Log();
+    // How often the log holds this text; with a level, file and line, as a line's start.
+    size_t Logged(const std::string& text, const char* level = nullptr, const char* file = "",
+                  int line = 0) const {
+        const std::string log = ReadFile(log_path),
+                          want = level ? std::string("[") + level + "] " + file + "(" +
+                                             std::to_string(line) + "): " + text
+                                       : text;
         size_t n = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) {
+        for (size_t at = log.find(want); at != std::string::npos; at = log.find(want, at + 1)) {
             ++n;
         }
         return n;
@@ -76,47 +109,6 @@ protected:
     const std::string home = base / "home", root = base / "opt/CorvaneQuarn",
                       quarn = home + "/.CorvaneQuarn", app = quarn + "/CorvaneQuarn.app",
                       nimbrel = home + "/.Nimbrel", log_path = base / "launcher.log";
-};
-
-// A real child running `body` with SIGTERM blocked, so that a SIGTERM sent before its handling
-// is in place waits for it (the body unblocks it). A thread reaps the child at once, so that a
-// probe with signal 0 sees it gone.
-class Child {
-public:
-    explicit Child(void (*body)()) {
-        sigset_t term, old;
-        sigemptyset(&term);
-        sigaddset(&term, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &term, &old);
-        pid_ = fork();
-        if (pid_ == 0) {
-            body();
-            _exit(0);
-        }
-        pthread_sigmask(SIG_SETMASK, &old, nullptr);
-        reaper_ = std::thread([this] {
-            while (waitpid(pid_, &status_, 0) < 0 && errno == EINTR) {
-            }
-        });
-    }
-    ~Child() {
-        if (reaper_.joinable()) {
-            kill(pid_, SIGKILL);
-            reaper_.join();
-        }
-    }
-    pid_t pid() const { return pid_; }
-    int Wait() {
-        if (reaper_.joinable()) {
-            reaper_.join();
-        }
-        return status_;
-    }
-
-private:
-    pid_t pid_ = -1;
-    std::thread reaper_;
-    int status_ = 0;
 };
 
 }  // namespace servicetest
