@@ -6,38 +6,50 @@
 // package or the old one, or one of the kept outcomes, counted. UPGRADE_FAULTS_LONG=1: every
 // errno once and lasting at every point, and 200 kills; else one of them a point, and 10 kills.
 
+#include <sys/prctl.h>
+
 #include <random>
 
 #include "tests/unit/service-test-env.h"
 
-namespace {
-
 using namespace servicetest;
-std::string g_self;
+static const char* g_self;
 
-class UpgradeFaults : public ServiceTest {
-protected:
-    // The run's wait status; a run that hangs ends on SIGALRM after a minute.
-    int Run(const std::string& fault, const char* count = "count") {
+TEST_F(ServiceTest, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
+    Install(true);
+    ASSERT_TRUE(WriteFile(quarn + "/data/db", "rows"));
+    ASSERT_TRUE(WriteFile(Package() + "/lib/a.so", std::string(40000, 'n')));
+    pid_t sentinels[2];
+    for (pid_t& sentinel : sentinels) {
+        if ((sentinel = fork()) == 0)
+            for (setpgid(0, 0), prctl(PR_SET_PDEATHSIG, SIGKILL);;)
+                pause();
+        setpgid(sentinel, sentinel);
+    }
+    ASSERT_TRUE(WriteFile(quarn + "/ui.pid", "pid=" + std::to_string((1LL << 32) + sentinels[1])));
+    ASSERT_EQ(system(("cp -a $Q " + base / "old").c_str()), 0);
+    TreeSnapshot old = Snapshot(app), package = Snapshot(Package()),
+                 data = Snapshot(quarn + "/data"), both = package;
+    both.insert(old.begin(), old.end());
+    const auto run = [&](const std::string& fault, const char* count) {  // its wait status
         const pid_t pid = fork();
         if (pid == 0) {
-            const std::string asan = getenv("ASAN_OPTIONS") ? getenv("ASAN_OPTIONS") : "";
-            setenv("ASAN_OPTIONS", (asan + ":verify_asan_link_order=0").c_str(), 1);  // shim first
+            const char* asan = getenv("ASAN_OPTIONS");  // the shim comes before the sanitizer
+            setenv("ASAN_OPTIONS",
+                   (std::string(asan ? asan : "") + ":verify_asan_link_order=0").c_str(), 1);
             setenv("FAULT", fault.c_str(), 1), setenv("FAULT_COUNT", (base / count).c_str(), 1);
-            setenv("FAULT_ROOT", base.path().c_str(), 1);
-            setenv("LD_PRELOAD", FAULT_SHIM, 1);
-            setpgid(0, sentinels[0]), alarm(60);
-            _exit(execl(g_self.c_str(), g_self.c_str(), root.c_str(), nullptr));
+            setenv("FAULT_ROOT", base.path().c_str(), 1), setenv("LD_PRELOAD", FAULT_SHIM, 1);
+            setpgid(0, sentinels[0]), alarm(60);  // a run that hangs ends on SIGALRM
+            _exit(execl(g_self, g_self, root.c_str(), nullptr));
         }
         int status = -1;
-        waitpid(pid, &status, 0);
-        return status;
-    }
-    std::string Round(const std::string& fault) {
+        return waitpid(pid, &status, 0), status;
+    };
+    const auto round = [&](const std::string& fault) {  // the outcome, "BROKEN" if none
         EXPECT_EQ(system(("rm -rf $Q && cp -a " + base / "old $Q").c_str()), 0);
-        const int status = Run(fault);
+        const int status = run(fault, "count");
         EXPECT_TRUE(status == 0 || (status == SIGKILL && fault.back() == '2')) << fault << status;
-        EXPECT_EQ(Run("0 0 0", "clean-count"), 0) << fault << ": the clean run after it";
+        EXPECT_EQ(run("0 0 0", "clean-count"), 0) << fault << ": the clean run after it";
         for (const pid_t sentinel : sentinels)
             EXPECT_EQ(waitpid(sentinel, nullptr, WNOHANG), 0) << fault << ": a sentinel ended";
         EXPECT_EQ(Snapshot(quarn + "/data"), data) << fault << ": the data folder changed";
@@ -56,55 +68,25 @@ protected:
                 : "BROKEN";
         EXPECT_NE(kept, "BROKEN") << fault << ": the copy is neither the old one nor the package";
         return kept;
-    }
-    void SetUp() override {
-        ServiceTest::SetUp();
-        Install(true);
-        ASSERT_TRUE(WriteFile(quarn + "/data/db", "rows") &&
-                    WriteFile(Package() + "/lib/a.so", std::string(40000, 'n')));
-        for (pid_t& sentinel : sentinels) {
-            if ((sentinel = fork()) == 0)
-                for (setpgid(0, 0);;)
-                    pause();
-            setpgid(sentinel, sentinel);
-        }
-        ASSERT_TRUE(
-            WriteFile(quarn + "/ui.pid", "pid=" + std::to_string((1LL << 32) + sentinels[1])));
-        ASSERT_EQ(system(("cp -a $Q " + base / "old").c_str()), 0);
-        old = Snapshot(app), package = both = Snapshot(Package()), data = Snapshot(quarn + "/data");
-        both.insert(old.begin(), old.end());
-    }
-    void TearDown() override {
-        for (const pid_t sentinel : sentinels)
-            kill(sentinel, SIGKILL), waitpid(sentinel, nullptr, 0);
-        ServiceTest::TearDown();
-    }
-    pid_t sentinels[2] = {};
-    TreeSnapshot old, package, both, data;
-};
-
-TEST_F(UpgradeFaults, EveryFaultPointKeepsTheUserCopyWhole) {
+    };
     const bool all = getenv("UPGRADE_FAULTS_LONG");
-    ASSERT_EQ(Round("0 0 0"), "new");
+    ASSERT_EQ(round("0 0 0"), "new");
     const long points = std::stol("0" + ReadFile(base / "count"));
     ASSERT_GT(points, 50) << "the shim sees the upgrade's calls";
     std::map<std::string, std::map<std::string, int>> table;
-    std::mt19937 random(16);
     for (long k = 1, e = 0; k <= points; e = (e + 1) % 6, k += !e || !all) {
         const int err = e < 2 ? EIO : e < 4 ? EACCES : ENOSPC;
-        const std::string fault = std::to_string(k) + " ";
         table[strerror(err) + std::string(e % 2 ? ", lasting" : ", once")]
-             [Round(fault + std::to_string(err) + " " + std::to_string(e % 2))]++;
+             [round(std::to_string(k) + " " + std::to_string(err) + " " + std::to_string(e % 2))]++;
     }
+    std::mt19937 random(16);
     for (int i = 0; i < (all ? 200 : 10); ++i)
-        table["SIGKILL"][Round(std::to_string(random() % points + 1) + " 0 2")]++;
+        table["SIGKILL"][round(std::to_string(random() % points + 1) + " 0 2")]++;
     printf("%ld fault points\n", points);
     for (const auto& [row, cells] : table)
         for (const auto& [outcome, n] : cells)
             printf("%-24s %-48s %5d\n", row.c_str(), outcome.c_str(), n);
 }
-
-}  // namespace
 
 int main(int argc, char** argv) {
     if (argc == 2 && argv[1][0] == '/') {  // a run: the worker's upgrade, without the client start
