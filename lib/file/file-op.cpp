@@ -671,18 +671,23 @@ int FSCreateTempPath(const std::string& dir, std::string& out_path) {
     return out_path.empty() ? -1 : 0;
 }
 
-int FSFsync(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+namespace {
+
+// Opens path read-only and hands it to sync (named so in the messages of operation who): 0,
+// 1 when the path is missing and that is no failure for the caller, else -1.
+int SyncPath(const std::string& path, int (*sync)(int), const char* who, const char* call,
+             bool missing_ok) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
         const int err = errno;
-        if (err == ENOENT)
+        if (err == ENOENT && missing_ok)
             return 1;
-        FS_LOG(ERROR, "FSFsync: open(%s): %s (%d)\n", path.c_str(), strerror(err), err);
+        FS_LOG(ERROR, "%s: open(%s): %s (%d)\n", who, path.c_str(), strerror(err), err);
         return -1;
     }
-    if (fsync(fd) != 0) {
+    if (sync(fd) != 0) {
         const int err = errno;
-        FS_LOG(ERROR, "FSFsync: fsync(%s): %s (%d)\n", path.c_str(), strerror(err), err);
+        FS_LOG(ERROR, "%s: %s(%s): %s (%d)\n", who, call, path.c_str(), strerror(err), err);
         CloseKeepErrno(fd);
         return -1;
     }
@@ -690,21 +695,14 @@ int FSFsync(const std::string& path) {
     return 0;
 }
 
+}  // namespace
+
+int FSFsync(const std::string& path) {
+    return SyncPath(path, fsync, "FSFsync", "fsync", true);
+}
+
 int FSSyncFs(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) {
-        const int err = errno;
-        FS_LOG(ERROR, "FSSyncFs: open(%s): %s (%d)\n", path.c_str(), strerror(err), err);
-        return -1;
-    }
-    if (syncfs(fd) != 0) {
-        const int err = errno;
-        FS_LOG(ERROR, "FSSyncFs: syncfs(%s): %s (%d)\n", path.c_str(), strerror(err), err);
-        CloseKeepErrno(fd);
-        return -1;
-    }
-    close(fd);
-    return 0;
+    return SyncPath(path, syncfs, "FSSyncFs", "syncfs", false);
 }
 
 int FSCreateSymbolicLink(const std::string& target, const std::string& link_path) {

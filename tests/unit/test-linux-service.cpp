@@ -43,10 +43,11 @@ TEST_F(LinuxServiceTest, StopWaitsForTheClientAndKillsOnlyOneThatIgnoresSigterm)
         void (*handle)();
         const char* line;
         int status;
+        bool waits;  // for the five one-second passes
     } cases[] = {
-        {[] {}, "# by the client\npid = \"%d\"  # running\n", SIGTERM},
-        {[] { signal(SIGTERM, [](int) { usleep(1500 * 1000), _exit(7); }); }, "pid=%d", 7 << 8},
-        {[] { signal(SIGTERM, SIG_IGN); }, "pid='%d'", SIGKILL}};
+        {[] {}, "# by the client\npid = \"%d\"  # running\n", SIGTERM, false},
+        {[] { signal(SIGTERM, [](int) { usleep(1500 * 1000), _exit(7); }); }, "pid=%d", 7 << 8, 0},
+        {[] { signal(SIGTERM, SIG_IGN); }, "pid='%d'", SIGKILL, true}};
     sigset_t term;
     sigemptyset(&term), sigaddset(&term, SIGTERM);
     for (const auto& c : cases) {
@@ -63,7 +64,9 @@ TEST_F(LinuxServiceTest, StopWaitsForTheClientAndKillsOnlyOneThatIgnoresSigterm)
         char line[64];
         snprintf(line, sizeof line, c.line, pid);
         ASSERT_TRUE(WriteFile(quarn + "/ui.pid", line));
+        const time_t start = time(nullptr);
         LinuxService().StopService();
+        EXPECT_EQ(time(nullptr) - start >= 5, c.waits) << line;
         for (int i = 0; i < 100 && status == -1; ++i)
             usleep(10 * 1000);
         if (status == -1)
