@@ -1,6 +1,9 @@
 // The shared service operations: install root, installation with backup and rollback,
 // predecessor migration and aged folders.
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include "tests/unit/service-test-env.h"
 
 using namespace servicetest;
@@ -43,13 +46,15 @@ TEST_F(CloudServiceTest, InstallBacksUpTheOldCopyAndRemovesEveryBackupAfterSucce
 // A dangling link, a file the user cannot read, a FIFO, a device or a socket in the package:
 // the copy fails at once and the old copy comes back byte for byte.
 TEST_F(CloudServiceTest, CopyFailureRollsBackToTheIdenticalOldCopy) {
-    for (const std::string make :
-         {"ln -s /none $B", "echo x >$B && chmod 600 $B", "mkfifo $B", "mknod $B c 1 3",
-          "python3 -c \"import socket; socket.socket(socket.AF_UNIX).bind('$B')\""}) {
+    for (const std::string make : {"ln -s /none $B", "echo x >$B && chmod 600 $B", "mkfifo $B",
+                                   "mknod $B c 1 3", "socket"}) {
         Install(true);
-        setenv("B", (Package() + "/share/bad").c_str(), 1);
-        ASSERT_EQ(system((make + " && chmod 755 " + base.path() + " && chown -R 65534 $Q").c_str()),
+        sockaddr_un bad{AF_UNIX, {}};
+        setenv("B", strncpy(bad.sun_path, (Package() + "/share/bad").c_str(), 100), 1);
+        const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+        ASSERT_EQ(make == "socket" ? bind(sock, (sockaddr*)&bad, sizeof bad) : system(make.c_str()),
                   0);
+        ASSERT_EQ(system(("chmod 755 " + base.path() + " && chown -R 65534 $Q").c_str()), 0);
         const TreeSnapshot before = Snapshot(app);
         EXPECT_EQ(testsupport::RunAsUnprivileged(
                       [] { return alarm(20), -LinuxService().PrepareUserEnv(); }),
@@ -57,6 +62,7 @@ TEST_F(CloudServiceTest, CopyFailureRollsBackToTheIdenticalOldCopy) {
             << make << ": failed at once (not on the alarm)";
         EXPECT_EQ(Snapshot(app), before) << make;
         EXPECT_FALSE(Exists(app + "_tmp"));
+        close(sock);
     }
     EXPECT_EQ(Logged("(116): FSCopyPath: failed to copy from '" + Package() + "/share/bad'"), 5u);
     EXPECT_EQ(Logged("(255): Failed to extract package, rollback to old installation\n"), 5u);
