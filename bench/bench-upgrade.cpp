@@ -1,7 +1,8 @@
 // Upgrade of a large package with an old copy present: PrepareUserEnv (backup move, copy of
-// the package folder, removal of the backup) beside the shell doing the same with `mv` and
-// `cp -r` (and `rm -rf` of the backup), in the same run on the same disk; and the peak
-// resident memory of the upgrade for a large and a small package.
+// the package folder, sync of the copy, removal of the backup), the same steps without the sync,
+// beside the shell doing the same with `mv` and `cp -r` (and `rm -rf` of the backup), in the same
+// run on the same disk; and the peak resident memory of the upgrade for a large and a small
+// package.
 //
 //   bench-upgrade [--reps N] [--base DIR] [--script PATH]
 //
@@ -32,7 +33,6 @@
 #include "log/log.h"
 #include "service/cloud-service.h"
 #include "service/linux/linux-service.h"
-#include "tests/unit/user-paths.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ std::string Quote(const std::string& path) {
 void UseInstallation(const std::string& home, const std::string& root) {
     setenv("HOME", home.c_str(), 1);
     unsetenv("XDG_CURRENT_DESKTOP");
-    servicetest::FillPathTable(root + "/bin");
+    FillQuarnPathTable(&Service::GetUserInstallPath, QString::fromStdString(root + "/bin"));
     UIPathManager* table = UIPathManager::getInstance();
     g_app = table->getPath("user_corvane_quarn_app_path").toStdString();
 }
@@ -163,7 +163,7 @@ int main(int argc, char** argv) {
 
     UseInstallation(g_home, large);
     const std::string backup = g_app + "_tmp";
-    std::vector<double> ours, our_copy, our_remove, ref_copy, ref_remove, ref_all;
+    std::vector<double> ours, our_copy, our_sync, our_remove, ref_copy, ref_remove, ref_all;
     long peak_large = 0;
     for (int r = 0; r < reps; ++r) {
         // Rotate the order, so that no variant always meets the warmer cache.
@@ -193,6 +193,7 @@ int main(int argc, char** argv) {
                                        LinuxService service;
                                        return service.CopyPackage();
                                    }).seconds);
+                our_sync.push_back(InChild([] { return FSSyncFs(g_app); }).seconds);
                 our_remove.push_back(
                     InChild([&backup] { return FSRemove(backup, false); }).seconds);
             } else {
@@ -244,12 +245,20 @@ int main(int argc, char** argv) {
     const auto row = [](const char* what, const std::vector<double>& v) {
         printf("  %-48s %7.3f s (%.3f)\n", what, Median(v), *std::min_element(v.begin(), v.end()));
     };
-    row("PrepareUserEnv (move aside, copy, remove backup)", ours);
+    std::vector<double> unsynced;  // the installation's steps without the sync of the copy
+    for (size_t i = 0; i < our_copy.size(); ++i) {
+        unsynced.push_back(our_copy[i] + our_remove[i]);
+    }
+    row("PrepareUserEnv (move aside, copy, sync, remove backup)", ours);
+    row("the same steps without the sync (copy + removal)", unsynced);
     row("mv + cp -r", ref_copy);
     row("mv + cp -r + rm -rf of the backup", ref_all);
     row("  service copy alone (CopyPackage)", our_copy);
+    row("  sync of the copy's file system (FSSyncFs)", our_sync);
     row("  file layer's removal of the backup (FSRemove)", our_remove);
     row("  rm -rf of the backup", ref_remove);
+    printf("ratio PrepareUserEnv / the same without sync   %.3f\n",
+           Median(ours) / Median(unsynced));
     printf("ratio PrepareUserEnv / (mv + cp -r)            %.3f\n",
            Median(ours) / Median(ref_copy));
     printf("ratio PrepareUserEnv / (mv + cp -r + rm -rf)   %.3f\n", Median(ours) / Median(ref_all));

@@ -220,6 +220,13 @@ int Service::PrepareUserEnv() {
     }
 
     LOG_AT(INFO, kComponent, 262, "user installation is ready, removing backup app\n");
+    // The copy may still be in the page cache: a power cut after the backups are gone could
+    // leave the new INFO beside empty files and no old copy. The backups go only once the new
+    // copy is on the disk; otherwise they stay, and the next installation removes them.
+    if (FSSyncFs(app_path) != 0) {
+        LOG_HERE(WARNING, kComponent, "new installation not on disk yet, keeping backup app\n");
+        return 0;
+    }
     // Every name tried is removed, also a stale "_tmp" left by an interrupted earlier run.
     for (int n = 0; n <= attempt; ++n) {
         FSRemove(GetAppBackupDir(app_path, n), false);

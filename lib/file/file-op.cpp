@@ -526,6 +526,11 @@ int CopyContents(int in, int out) {
     }
 }
 
+// A FIFO, socket or device node. A folder is not one: its copy fails on the first read.
+bool IsSpecialFile(mode_t mode) {
+    return S_ISFIFO(mode) || S_ISSOCK(mode) || S_ISCHR(mode) || S_ISBLK(mode);
+}
+
 void LogOpenFailure(const std::string& path) {
     const int err = errno;
     FS_LOG(ERROR, "CopyFile: open(%s): %s (%d)\n", path.c_str(), strerror(err), err);
@@ -534,10 +539,19 @@ void LogOpenFailure(const std::string& path) {
 }  // namespace
 
 int FSCopy(const std::string& source, const std::string& dest, bool remove_source, bool keep_mode) {
-    // A link is followed: its target's bytes are copied.
-    const int in = open(source.c_str(), O_RDONLY | O_CLOEXEC);
+    // A link is followed: its target's bytes are copied. The open never waits (a FIFO
+    // without a writer would block it for good), and a FIFO, socket or device is refused:
+    // its bytes are no file's contents, and reading them may never end.
+    const int in = open(source.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (in < 0) {
         LogOpenFailure(source);
+        return -1;
+    }
+    struct stat opened;
+    if (fstat(in, &opened) == 0 && IsSpecialFile(opened.st_mode)) {
+        FS_LOG(ERROR, "CopyFile: '%s' is not a regular file, not copied\n", source.c_str());
+        close(in);
+        errno = EINVAL;
         return -1;
     }
     mode_t mode = 0644;
@@ -551,7 +565,9 @@ int FSCopy(const std::string& source, const std::string& dest, bool remove_sourc
         }
         mode = static_cast<mode_t>(info.mode);
     }
-    const int out = open(dest.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    // Not waiting for a reader either, should the destination be a FIFO.
+    const int out =
+        open(dest.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
     if (out < 0) {
         LogOpenFailure(dest);
         CloseKeepErrno(in);
@@ -655,23 +671,38 @@ int FSCreateTempPath(const std::string& dir, std::string& out_path) {
     return out_path.empty() ? -1 : 0;
 }
 
-int FSFsync(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+namespace {
+
+// Opens path read-only and hands it to sync (named so in the messages of operation who): 0,
+// 1 when the path is missing and that is no failure for the caller, else -1.
+int SyncPath(const std::string& path, int (*sync)(int), const char* who, const char* call,
+             bool missing_ok) {
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) {
         const int err = errno;
-        if (err == ENOENT)
+        if (err == ENOENT && missing_ok)
             return 1;
-        FS_LOG(ERROR, "FSFsync: open(%s): %s (%d)\n", path.c_str(), strerror(err), err);
+        FS_LOG(ERROR, "%s: open(%s): %s (%d)\n", who, path.c_str(), strerror(err), err);
         return -1;
     }
-    if (fsync(fd) != 0) {
+    if (sync(fd) != 0) {
         const int err = errno;
-        FS_LOG(ERROR, "FSFsync: fsync(%s): %s (%d)\n", path.c_str(), strerror(err), err);
+        FS_LOG(ERROR, "%s: %s(%s): %s (%d)\n", who, call, path.c_str(), strerror(err), err);
         CloseKeepErrno(fd);
         return -1;
     }
     close(fd);
     return 0;
+}
+
+}  // namespace
+
+int FSFsync(const std::string& path) {
+    return SyncPath(path, fsync, "FSFsync", "fsync", true);
+}
+
+int FSSyncFs(const std::string& path) {
+    return SyncPath(path, syncfs, "FSSyncFs", "syncfs", false);
 }
 
 int FSCreateSymbolicLink(const std::string& target, const std::string& link_path) {

@@ -64,6 +64,8 @@ int FSRename(const std::string& source, const std::string& dest, bool follow);
 int FSMktemp(const std::string& dir, std::string& out_path);
 int FSCreateTempPath(const std::string& dir, std::string& out_path);
 int FSFsync(const std::string& path);
+// Writes everything of the file system that holds path to the disk: 0, or -1 (logged).
+int FSSyncFs(const std::string& path);
 int FSCreateSymbolicLink(const std::string& target, const std::string& link_path);
 int FSReadSymbolicLink(const std::string& link_path, std::string& out_target);
 int FSChown(const std::string& path, uint32_t uid, uint32_t gid);

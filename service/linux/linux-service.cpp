@@ -4,11 +4,13 @@
 #include <QString>
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "lib/desktop/ui-path-manager.h"
 #include "lib/file/file-op.h"
@@ -59,8 +61,11 @@ void LinuxService::StopService() {
                pidfile.c_str());
         return;
     }
+    // Only a regular file is read: opening a FIFO in its place would wait for a writer for
+    // good, and a device or socket holds no pid file either. They count as unreadable.
+    struct stat st;
     Config config;
-    if (config.read(pidfile) < 0) {
+    if (stat(pidfile.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || config.read(pidfile) < 0) {
         LOG_AT(NOTE, kComponent, 81, "Failed to read pid file '%s', not exist ?\n",
                pidfile.c_str());
         return;
@@ -68,7 +73,16 @@ void LinuxService::StopService() {
     pid_t pid = 0;
     const std::string& value = config["pid"];
     if (!value.empty()) {
-        pid = static_cast<pid_t>(strtol(value.c_str(), nullptr, 10));
+        const long number = strtol(value.c_str(), nullptr, 10);
+        // Cut to 32 bits, 2^32 + P would name the user's process P: a value no process id can
+        // hold names no process.
+        if (number > std::numeric_limits<pid_t>::max() ||
+            number < std::numeric_limits<pid_t>::min()) {
+            LOG_HERE(DEBUG, kComponent, "pid '%s' in '%s' is out of range, nothing to stop\n",
+                     value.c_str(), pidfile.c_str());
+            return;
+        }
+        pid = static_cast<pid_t>(number);
     }
     // 0 or a negative id would signal a whole process group (-1: every process we may signal).
     if (pid <= 0) {

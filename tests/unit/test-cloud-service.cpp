@@ -1,164 +1,90 @@
-// The shared service operations: install root, package installation with backup and
-// rollback, the folder copy, predecessor migration and aged folders.
+// The shared service operations: install root, installation with backup and rollback,
+// predecessor migration and aged folders.
+
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include "tests/unit/service-test-env.h"
 
-namespace {
-
 using namespace servicetest;
+using CloudServiceTest = ServiceTest;
 
-const char* const kCloud = "cloud-service.cpp";
-
-class CloudServiceTest : public ServiceTest {
-protected:
-    // The system package at build 121 over an old user copy at build 120 with a file of its own.
-    void MakeOldCopy() {
-        ASSERT_TRUE(MakeSampleInstall("120") && MakeDirs(quarn));
-        ASSERT_EQ(system(("cp -a '" + Package() + "' '" + app + "'").c_str()), 0);
-        ASSERT_TRUE(WriteFile(app + "/only-in-old", "old bytes") && MakeSampleInstall("121"));
-    }
-    std::string Backup(const std::string& suffix) const { return app + "_tmp" + suffix; }
-};
-
+// The Deepin desktop, exactly so named, with a data folder set: that folder; else the home.
 TEST_F(CloudServiceTest, InstallRootIsHomeUnlessExactlyDeepinWithDataHome) {
-    const QString h = QString::fromStdString(home);
-    const struct {
-        const char* desktop;  // nullptr: unset
-        const char* data;     // nullptr: unset
-        QString root;
-    } cases[] = {
-        {nullptr, "/srv/dh", h},          {"deepin", "/srv/dh", h}, {"Deepin:GNOME", "/srv/dh", h},
-        {"GNOME", "/srv/dh", h},          {"Deepin", "", h},        {"Deepin", nullptr, h},
-        {"Deepin", "/srv/dh", "/srv/dh"},
-    };
-    for (const auto& c : cases) {
-        c.desktop ? setenv("XDG_CURRENT_DESKTOP", c.desktop, 1) : unsetenv("XDG_CURRENT_DESKTOP");
-        c.data ? setenv("XDG_DATA_HOME", c.data, 1) : unsetenv("XDG_DATA_HOME");
-        EXPECT_EQ(Service::GetUserInstallPath(), c.root) << c.desktop << " " << c.data;
+    for (const auto& [desktop, data] : {std::pair("deepin", "/d"),
+                                        {"Deepin:GNOME", "/d"},
+                                        {"Deepin", ""},
+                                        {"GNOME", "/d"},
+                                        {"Deepin", "/d"}}) {
+        setenv("XDG_CURRENT_DESKTOP", desktop, 1), setenv("XDG_DATA_HOME", data, 1);
+        EXPECT_EQ(Service::GetUserInstallPath().toStdString(),
+                  !strcmp(desktop, "Deepin") && *data ? data : home);
     }
-    EXPECT_TRUE(Logged("DEBUG", kCloud, 25, "Current Desktop is ubuntu:GNOME\n"));
-    EXPECT_TRUE(Logged("DEBUG", kCloud, 41, "user install path is \n"));
-    EXPECT_TRUE(Logged("DEBUG", kCloud, 41, "user install path is /srv/dh\n"));
-    EXPECT_EQ(CountInLog("user install path is"), 3u) << "only the Deepin desktop looks at it";
-
-    FillPathTable(root + "/bin");  // every per-user path follows the root
-    EXPECT_EQ(LinuxService().app_path, "/srv/dh/.CorvaneQuarn/CorvaneQuarn.app");
-    EXPECT_EQ(UIPathManager::getInstance()->getPath("user_nimbrel_path"), "/srv/dh/.Nimbrel");
+    unsetenv("XDG_CURRENT_DESKTOP"), unsetenv("XDG_DATA_HOME");
+    EXPECT_EQ(Service::GetUserInstallPath().toStdString(), home);
 }
 
 // No old copy (a stale "_tmp" is cleared); an old copy goes to "_tmp", or to "_tmp1" when "_tmp"
-// is taken. Every name tried is removed after success.
+// is taken; all ten names taken leave it in place. Every name tried is removed after success.
 TEST_F(CloudServiceTest, InstallBacksUpTheOldCopyAndRemovesEveryBackupAfterSuccess) {
-    for (const int stale_backups : {1, 0, 1}) {
-        const bool old_copy = Exists(quarn);  // from the second round on
-        testsupport::RemoveTree(quarn);
-        if (old_copy) {
-            MakeOldCopy();
-        } else {
-            ASSERT_TRUE(MakeSampleInstall("121"));
+    for (const auto& [old, taken] : {std::pair(false, 1), {true, 0}, {true, 1}, {true, 10}}) {
+        Install(old);
+        for (int n = 0; n < taken; ++n) {
+            ASSERT_TRUE(WriteFile(app + "_tmp" + (n ? std::to_string(n) : "") + "/x", "taken"));
         }
-        ASSERT_TRUE(!stale_backups || WriteFile(Backup("") + "/stale", "interrupted run"));
-        const size_t failed = CountInLog("failed to backup app");
-        ASSERT_EQ(LinuxService().PrepareUserEnv(), 0);
-        EXPECT_EQ(Snapshot(app), Snapshot(Package()));
-        EXPECT_FALSE(Exists(Backup("")) || Exists(Backup("1")));
-        EXPECT_EQ(CountInLog("failed to backup app"), failed + (old_copy ? stale_backups : 0));
-    }
-    EXPECT_TRUE(
-        Logged("INFO", kCloud, 134, "copy package:'" + Package() + "' -> '" + app + "' \n"));
-    EXPECT_TRUE(Logged("DEBUG", kCloud, 71, "copy from '" + Package() + "' to '" + app + "'\n"));
-    EXPECT_TRUE(Logged("INFO", kCloud, 262, "user installation is ready, removing backup app\n"));
-    EXPECT_TRUE(Logged("ERROR", kCloud, 236,
-                       "failed to backup app from '" + app + "' -> '" + Backup("") + "'\n"));
-}
-
-TEST_F(CloudServiceTest, AllTenBackupNamesBlockedLeavesTheOldCopyInPlace) {
-    MakeOldCopy();
-    for (const char* s : {"", "1", "2", "3", "4", "5", "6", "7", "8", "9"}) {
-        ASSERT_TRUE(WriteFile(Backup(s) + "/blocker", s));
-    }
-    const TreeSnapshot before = Snapshot(app);
-    EXPECT_EQ(LinuxService().PrepareUserEnv(), -1);
-    EXPECT_EQ(Snapshot(app), before);
-    EXPECT_EQ(ReadFile(Backup("9") + "/blocker"), "9");
-    EXPECT_EQ(CountInLog("[ERROR] cloud-service.cpp(236): failed to backup app from"), 10u);
-    EXPECT_TRUE(Logged("ERROR", kCloud, 240,
-                       "failed to backup app from '" + app + "' -> '" + Backup("9") +
-                           "' at max retries, exiting\n"));
-    EXPECT_EQ(Log().find("copy package"), std::string::npos);
-}
-
-// A dangling link or a file the user cannot read inside the package: the copy fails and the
-// old copy comes back byte for byte.
-TEST_F(CloudServiceTest, CopyFailureRollsBackToTheIdenticalOldCopy) {
-    for (const bool dangling : {true, false}) {
-        testsupport::RemoveTree(quarn);
-        testsupport::RemoveTree(root);
-        MakeOldCopy();
-        const std::string bad = Package() + "/share/bad";
-        ASSERT_TRUE(dangling ? symlink("/nonexistent", bad.c_str()) == 0
-                             : WriteFile(bad, "root only") && chmod(bad.c_str(), 0600) == 0);
-        ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
-        ASSERT_EQ(system(("chown -R 65534:65534 '" + home + "'").c_str()), 0);
+        const size_t failed = Logged("failed to backup app from '" + app + "' -> '");
         const TreeSnapshot before = Snapshot(app);
-        EXPECT_EQ(testsupport::RunAsUnprivileged([] { return -LinuxService().PrepareUserEnv(); }),
-                  1);
-        EXPECT_EQ(Snapshot(app), before) << dangling;
-        EXPECT_FALSE(Exists(Backup("")));
-        EXPECT_TRUE(
-            Logged("ERROR", kCloud, 116,
-                   "FSCopyPath: failed to copy from '" + bad + "' to '" + app + "/share/bad'\n"));
+        EXPECT_EQ(LinuxService().PrepareUserEnv(), taken == 10 ? -1 : 0);
+        EXPECT_EQ(Snapshot(app), taken == 10 ? before : Snapshot(Package()));
+        EXPECT_EQ(Exists(app + "_tmp") || Exists(app + "_tmp1"), taken == 10);
+        EXPECT_EQ(Logged("failed to backup app from '" + app + "' -> '"),
+                  failed + old * (taken + (taken == 10)));
     }
-    EXPECT_EQ(CountInLog("[ERROR] cloud-service.cpp(255): Failed to extract package, rollback to "
-                         "old installation\n"),
-              2u);
-    EXPECT_EQ(Log().find("user installation is ready"), std::string::npos);
+    EXPECT_EQ(Logged("_tmp9' at max retries, exiting\n"), 1u);
 }
 
-TEST_F(CloudServiceTest, LinkToAFolderInsideThePackageIsCopiedAsAFile) {
-    ASSERT_TRUE(WriteFile(base / "src/real/inner", "inside"));
-    ASSERT_EQ(symlink("real", (base / "src/link").c_str()), 0);
-    // The file copy cannot read a folder: the walk stops with a failure, nothing is recursed.
-    EXPECT_EQ(LinuxService().FSCopyPath(base / "src", base / "dst"), -1);
-    EXPECT_FALSE(Exists(base / "dst/link/inner"));
-    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(base / "dst/link")));
-    EXPECT_NE(Log().find("CopyFile: read: Is a directory"), std::string::npos);
+// A dangling link, a file the user cannot read, a FIFO, a device or a socket in the package:
+// the copy fails at once and the old copy comes back byte for byte.
+TEST_F(CloudServiceTest, CopyFailureRollsBackToTheIdenticalOldCopy) {
+    for (const std::string make : {"ln -s /none $B", "echo x >$B && chmod 600 $B", "mkfifo $B",
+                                   "mknod $B c 1 3", "socket"}) {
+        Install(true);
+        sockaddr_un bad{AF_UNIX, {}};
+        setenv("B", strncpy(bad.sun_path, (Package() + "/share/bad").c_str(), 100), 1);
+        const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+        ASSERT_EQ(make == "socket" ? bind(sock, (sockaddr*)&bad, sizeof bad) : system(make.c_str()),
+                  0);
+        ASSERT_EQ(system(("chmod 755 " + base.path() + " && chown -R 65534 $Q").c_str()), 0);
+        const TreeSnapshot before = Snapshot(app);
+        EXPECT_EQ(testsupport::RunAsUnprivileged(
+                      [] { return alarm(20), -LinuxService().PrepareUserEnv(); }),
+                  1)
+            << make << ": failed at once (not on the alarm)";
+        EXPECT_EQ(Snapshot(app), before) << make;
+        EXPECT_FALSE(Exists(app + "_tmp"));
+        close(sock);
+    }
+    EXPECT_EQ(Logged("(116): FSCopyPath: failed to copy from '" + Package() + "/share/bad'"), 5u);
+    EXPECT_EQ(Logged("(255): Failed to extract package, rollback to old installation\n"), 5u);
 }
 
-TEST_F(CloudServiceTest, MigrationMovesDataAndAlwaysRemovesTheOldFolder) {
+TEST_F(CloudServiceTest, MigrationMovesDataAndAlwaysRemovesTheOldFolderAgedAppEveryRun) {
+    const std::string nimbrel = home + "/.Nimbrel";
     LinuxService service;
     service.MigrateService();  // nothing to migrate: only the new folder is made
     EXPECT_TRUE(fs::is_directory(quarn) && fs::is_empty(quarn));
-    EXPECT_FALSE(Exists(nimbrel));
-
-    ASSERT_TRUE(WriteFile(nimbrel + "/data/db/sync.db", "rows"));
-    service.MigrateService();
-    EXPECT_EQ(ReadFile(quarn + "/data/db/sync.db"), "rows");
-    EXPECT_FALSE(Exists(nimbrel));
-
-    ASSERT_TRUE(WriteFile(nimbrel + "/app/bin", "x"));  // no data: the old folder still goes
-    service.MigrateService();
-    EXPECT_FALSE(Exists(nimbrel));
-    EXPECT_EQ(Log().find("[ERROR]"), std::string::npos);
-
-    // Data already in the new folder: the move fails, and the old folder goes all the same.
-    ASSERT_TRUE(WriteFile(nimbrel + "/data/old.db", "old rows"));
-    service.MigrateService();
-    EXPECT_TRUE(Logged("ERROR", kCloud, 287, "Failed to move data to Corvane Quarn folder\n"));
-    EXPECT_FALSE(Exists(nimbrel));
-    EXPECT_EQ(ReadFile(quarn + "/data/db/sync.db"), "rows");
-}
-
-TEST_F(CloudServiceTest, AgedAppFolderIsRemovedAndTheLineWrittenEveryRun) {
+    for (const char* file : {"/data/db/sync.db", "/app/bin", "/data/old.db"}) {
+        ASSERT_TRUE(WriteFile(nimbrel + file, file));  // the last one meets data already moved
+        service.MigrateService();
+        EXPECT_FALSE(Exists(nimbrel)) << file << ": the old folder goes also after a failed move";
+    }
+    EXPECT_EQ(ReadFile(quarn + "/data/db/sync.db"), "/data/db/sync.db");
+    EXPECT_EQ(Logged("[ERROR]"), 1u);
+    EXPECT_EQ(Logged("(287): Failed to move data to Corvane Quarn folder\n"), 1u);
     ASSERT_TRUE(WriteFile(nimbrel + "/app/bin/old-ui", "x") && WriteFile(nimbrel + "/data/k", "x"));
-    LinuxService service;
     service.RemoveAgedFolders();
     service.RemoveAgedFolders();
     EXPECT_FALSE(Exists(nimbrel + "/app"));
     EXPECT_TRUE(Exists(nimbrel + "/data/k"));
-    EXPECT_EQ(
-        CountInLog("[INFO] cloud-service.cpp(301): removing aged app folder " + nimbrel + "/app\n"),
-        2u);
+    EXPECT_EQ(Logged("(301): removing aged app folder " + nimbrel + "/app\n"), 2u);
 }
-
-}  // namespace
