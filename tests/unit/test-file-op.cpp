@@ -1,13 +1,10 @@
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <set>
 
 #include "lib/file/file-op.h"
-#include "log/log.h"
 #include "tests/support/test-support.h"
 
 using testsupport::MakeDirs;
@@ -19,19 +16,12 @@ static mode_t Mode(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
-// A fresh folder that a child running as nobody may enter, and a log of every level.
+// A fresh folder that a child running as nobody may enter; the layer logs to standard error.
 class FileOpTest : public ::testing::Test {
 protected:
     void SetUp() override {
         umask(022);
         chmod(dir.path().c_str(), 0755);
-        ASSERT_TRUE(WriteFile(dir / "levels", "file_op_debug = 7\n"));
-        ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, dir / "log", dir / "levels", 50,
-                                        Logger::SCOPE_THREAD));
-    }
-    void TearDown() override { Logger::Destroy(); }
-    bool Logged(const std::string& text) {
-        return ReadFile(dir / "log").find(text) != std::string::npos;
     }
     testsupport::TempDir dir;
 };
@@ -53,16 +43,15 @@ TEST_F(FileOpTest, Copy) {
         bool remove, keep_mode, nobody;
         int rc;
         mode_t mode;
-        std::string logged;
     } cases[] = {
-        {src, dir / "plain", false, false, false, 0, 0644, ""},
-        {src, dir / "kept", false, true, false, 0, 0750, ""},
-        {dir / "link", dir / "fromlink", false, true, false, 0, 0755, ""},  // the link's 0777
-        {dir / "plain", dir / "moved", true, false, false, 0, 0644, ""},
-        {none, dir / "x", false, false, false, -1, 0, "open(" + none + "): No such file"},
-        {src, none + "/x", false, false, false, -1, 0, "open(" + none + "/x): No such file"},
-        {src, "/dev/full", false, false, false, -2, 0666, "write: No space left on device (28)\n"},
-        {ro, dir / "ro-copy", true, false, true, -1, 0644, ""},
+        {src, dir / "plain", false, false, false, 0, 0644},
+        {src, dir / "kept", false, true, false, 0, 0750},
+        {dir / "link", dir / "fromlink", false, true, false, 0, 0755},  // the link's 0777
+        {dir / "plain", dir / "moved", true, false, false, 0, 0644},
+        {none, dir / "x", false, false, false, -1, 0},
+        {src, none + "/x", false, false, false, -1, 0},
+        {src, "/dev/full", false, false, false, -2, 0666},
+        {ro, dir / "ro-copy", true, false, true, -1, 0644},
     };
     chmod(dir.path().c_str(), 0777);
     for (const auto& c : cases) {
@@ -78,7 +67,6 @@ TEST_F(FileOpTest, Copy) {
         if (c.to != "/dev/full") {  // which reads as endless zeros
             EXPECT_EQ(c.mode ? bytes : "", ReadFile(c.to)) << c.to;
         }
-        EXPECT_TRUE(c.logged.empty() || Logged("CopyFile: " + c.logged)) << c.to;
     }
 }
 
@@ -122,8 +110,6 @@ TEST_F(FileOpTest, Folders) {
     EXPECT_EQ(0, FSMKDir(dir / "a/b/c", false));
     EXPECT_EQ(0755u, Mode(dir / "a/b/c"));
     EXPECT_FALSE(IsFileExist(dir / "gone", false));
-    EXPECT_TRUE(Logged("[ERROR] file-op.cpp(583): path = " + dir / "a/b" +
-                       " errno : No such file or directory\n"));
 
     // Sizes and times only when asked for; the types are the listing's own.
     WriteFile(dir / "a/two", "22");
@@ -156,25 +142,21 @@ TEST_F(FileOpTest, Folders) {
 // Functions the upgrade never calls: each row is one call and its expected result, in order. A
 // time past 2038 keeps its low 32 bits.
 TEST_F(FileOpTest, TheRestOfTheLayer) {
-    const std::string root = dir / "r", link = dir / "l", none = dir / "none";
+    const std::string root = dir / "r", link = dir / "l", none = dir / "none", file = dir / "f";
+    WriteFile(file, "x");
     MakeDirs(dir / "real/sub");
     MakeDirs(root);
     symlink((dir / "real").c_str(), (dir / "alias").c_str());
     mkfifo((dir / "fifo").c_str(), 0600);
-    const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{AF_UNIX, {}};
-    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", (dir / "sock").c_str());
-    ASSERT_EQ(0, bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
     std::string real = dir / "alias/sub/..", missing = none + "/..", temp, name, target;
     _FILE_INFO_tag info;
     auto type = [&info](const std::string& path) {
         return GetFileInfo(path, info) != 0 ? -1 : info.exists ? info.type : 10 + info.type;
     };
-    const long rows[][2] = {{type(dir / "levels"), 1},
+    const long rows[][2] = {{type(file), 1},
                             {type(dir / "alias"), 3},
                             {type("/dev/null"), 5},
                             {type(dir / "fifo"), 6},
-                            {type(dir / "sock"), 7},
                             {type(none), 10},
                             {FSMKDirFromRoot(root + "/a/b", root), 0},
                             {type(root + "/a/b"), 2},
@@ -185,8 +167,8 @@ TEST_F(FileOpTest, TheRestOfTheLayer) {
                             {FSIsParentFolder("/a/", "/a/b"), 0},
                             {FSGetRealPath(real), 0},
                             {FSGetRealPath(missing), -1},
-                            {FSUTime(dir / "levels", 2200000000L, 2200000000L), 0},
-                            {type(dir / "levels"), 1},
+                            {FSUTime(file, 2200000000L, 2200000000L), 0},
+                            {type(file), 1},
                             {info.mtime, static_cast<int32_t>(2200000000L - 4294967296L)},
                             {FSMktemp(dir.path(), temp), 0},
                             {Mode(temp), 0644},
@@ -209,7 +191,6 @@ TEST_F(FileOpTest, TheRestOfTheLayer) {
                             {hasFilePermission(temp, R_OK), 1},
                             {isMountPoint(dir.path()), 0},
                             {IsMSDOS(dir.path()), 0}};
-    close(sock);
     for (size_t i = 0; i < std::size(rows); ++i)
         EXPECT_EQ(rows[i][1], rows[i][0]) << "row " << i;
     const std::string texts[][2] = {{real, dir / "real"},
