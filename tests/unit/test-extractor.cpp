@@ -7,6 +7,7 @@
 #include "extractor/extractor.h"
 #include "launcher/notify-adapter.h"
 #include "launcher/str-table.h"
+#include "log/log.h"
 #include "tests/support/test-support.h"
 
 using testsupport::ReadFile;
@@ -41,6 +42,9 @@ static std::string Archive(const std::string& path, const char* format, bool gzi
 
 TEST(Extractor, ArchivesAndWhatTheyLeave) {
     testsupport::TempDir tmp;
+    ASSERT_TRUE(testsupport::WriteFile(tmp / "levels", "extractor_debug=7\n"));
+    ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, tmp / "log", tmp / "levels", 50,
+                                    Logger::SCOPE_THREAD));
     StrTable::InitStrTable();
     QObject context;    // the connections end with the test
     std::string shown;  // what the dialog is told, in order
@@ -58,7 +62,8 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
     std::vector<std::pair<std::string, std::string>> twelve;
     for (int i = 1; i <= 12; ++i)
         twelve.push_back({"f" + std::to_string(i), std::string(100 * i, 'a' + i)});
-    // The eleventh header of a tar of twelve fails its checksum.
+    // The eleventh header of a tar of twelve (ten headers and fifteen data blocks on) fails its
+    // checksum.
     std::string damaged = ReadFile(Archive(tmp / "damaged", "ustar", false, twelve));
     damaged.replace(25 * 512 + 148, 8, "0000000", 8);
     testsupport::WriteFile(tmp / "damaged", damaged);
@@ -73,18 +78,24 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
         std::string source, target;
         int count, rc, steps;    // entries counted, Extract's result, progress steps (count*100+i)
         std::string file, data;  // a file below the target and its bytes
+        std::string logged;      // a line the row logs, from its number on
     } cases[] = {
-        {Archive(tmp / "gz", "pax", true, package), tmp / "1", 5, 0, 5, "/pkg/current", tool},
-        {Archive(tmp / "zip", "zip", false, package), tmp / "2", 5, 0, 5, "/pkg/big", big},
-        {Archive(tmp / "empty", "pax", false, {}), tmp / "3", 0, -1, 0, "", ""},
-        {tmp / "missing", tmp / "4", -1, -1, 0, "", ""},
-        {tmp / "damaged", tmp / "5", 10, -1, 10, "/f10", twelve[9].second},
-        {tmp / "nameless", tmp / "6", 1, -1, 0, "", ""},
+        {Archive(tmp / "gz", "pax", true, package), tmp / "1", 5, 0, 5, "/pkg/current", tool,
+         "159): decompress from '"},
+        {Archive(tmp / "zip", "zip", false, package), tmp / "2", 5, 0, 5, "/pkg/big", big,
+         "159): decompress from '"},
+        {Archive(tmp / "empty", "pax", false, {}), tmp / "3", 0, -1, 0, "", "",
+         "166): Failed to calculate total file numbers, ret: 0\n"},
+        {tmp / "missing", tmp / "4", -1, -1, 0, "", "",
+         "76): archive_read_open_filename failed: '"},
+        {tmp / "damaged", tmp / "5", 10, -1, 10, "/f10", twelve[9].second,
+         "198): archive_read_next_header failed: '"},
+        {tmp / "nameless", tmp / "6", 1, -1, 0, "", "", "213): archive_entry_pathname failed"},
         {Archive(tmp / "hostile", "pax", false,
                  {{"@escape", outside}, {"escape/planted", "p"}, {absolute, "x"}, {"../x", "2"}}),
-         tmp / "7", 4, -1, 3, absolute, "x"},
-        {"", tmp / "8", -1, -1, -1, "", ""},
-        {tmp / "zip", "", -1, -1, -1, "", ""},
+         tmp / "7", 4, -1, 3, absolute, "x", "220): archive_read_extract2 failed: '"},
+        {"", tmp / "8", -1, -1, -1, "", "", "155): Invalid Argument\n"},
+        {tmp / "zip", "", -1, -1, -1, "", "", "101): Invalid argument\n"},
     };
     testsupport::MakeDirs(outside);
     for (const auto& c : cases) {
@@ -101,6 +112,8 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
             expected += std::to_string(c.count * 100 + i) + ";";
         EXPECT_EQ(expected, shown) << c.source;
         EXPECT_EQ(c.data, ReadFile(c.target + c.file)) << c.source;
+        const std::string log = ReadFile(tmp / "log");
+        EXPECT_NE(std::string::npos, log.find("] extractor.cpp(" + c.logged)) << c.logged;
         struct stat st;  // unpacked files carry the time they were unpacked
         EXPECT_TRUE(c.file.empty() ||
                     (stat((c.target + c.file).c_str(), &st) == 0 && st.st_mtime > 1000000000));
@@ -109,4 +122,6 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
     EXPECT_EQ(-1, access("/lq-extractor-absolute-probe", F_OK));
     EXPECT_EQ(-1, access((tmp / "x").c_str(), F_OK));
     EXPECT_EQ(-1, Extractor().copy_data(nullptr, nullptr));
+    EXPECT_NE(std::string::npos, ReadFile(tmp / "log").find("(26): Invalid Argument\n"));
+    Logger::Destroy();
 }

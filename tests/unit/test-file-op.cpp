@@ -5,6 +5,7 @@
 #include <set>
 
 #include "lib/file/file-op.h"
+#include "log/log.h"
 #include "tests/support/test-support.h"
 
 using testsupport::MakeDirs;
@@ -16,13 +17,16 @@ static mode_t Mode(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
-// A fresh folder that a child running as nobody may enter; the layer logs to standard error.
+// A fresh folder that a child running as nobody may enter, and the layer's log.
 class FileOpTest : public ::testing::Test {
 protected:
     void SetUp() override {
         umask(022);
         chmod(dir.path().c_str(), 0755);
+        ASSERT_EQ(0,
+                  Logger::Initialize(Logger::TYPE_FILE, dir / "log", "", 50, Logger::SCOPE_THREAD));
     }
+    void TearDown() override { Logger::Destroy(); }
     testsupport::TempDir dir;
 };
 
@@ -103,10 +107,20 @@ TEST_F(FileOpTest, Rename) {
 TEST_F(FileOpTest, Folders) {
     WriteFile(dir / "file", "x");
     symlink((dir / "gone").c_str(), (dir / "dangling").c_str());
-    const std::pair<std::string, int> made[] = {
-        {"a/b", -2}, {"a/b/c/", 0}, {"file/y", -1}, {"file", -1}, {"dangling/x", -2}};
-    for (const auto& [path, rc] : made)
+    // Each failure logs its fixed line.
+    const std::tuple<std::string, int, int> made[] = {{"a/b", -2, 583},
+                                                      {"a/b/c/", 0, 0},
+                                                      {"file/y", -1, 553},
+                                                      {"file", -1, 560},
+                                                      {"dangling/x", -2, 570}};
+    for (const auto& [path, rc, line] : made) {
         EXPECT_EQ(rc, FSMKDir(dir / path, path != "a/b")) << path;
+        const std::string log = ReadFile(dir / "log");
+        const size_t at = log.find("[ERROR] file-op.cpp(" + std::to_string(line) + "): ");
+        EXPECT_TRUE(line == 0 ||
+                    (at != std::string::npos && log.find(dir / path, at) < log.find('\n', at)))
+            << path;
+    }
     EXPECT_EQ(0, FSMKDir(dir / "a/b/c", false));
     EXPECT_EQ(0755u, Mode(dir / "a/b/c"));
     EXPECT_FALSE(IsFileExist(dir / "gone", false));
