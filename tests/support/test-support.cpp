@@ -5,7 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -16,8 +16,7 @@ namespace fs = std::filesystem;
 
 TempDir::TempDir(const std::string& base) {
     std::string pattern = base + "/lq-test-XXXXXX";
-    char* made = mkdtemp(pattern.data());
-    path_ = made ? made : "";
+    path_ = mkdtemp(pattern.data()) ? pattern : "";
 }
 
 TempDir::~TempDir() {
@@ -26,17 +25,13 @@ TempDir::~TempDir() {
 }
 
 bool WriteFile(const std::string& path, const std::string& contents) {
-    std::error_code ec;
-    fs::create_directories(fs::path(path).parent_path(), ec);
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << contents;
-    return static_cast<bool>(out);
+    MakeDirs(fs::path(path).parent_path());
+    return static_cast<bool>(std::ofstream(path, std::ios::binary) << contents);
 }
 
 std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
@@ -47,42 +42,28 @@ bool MakeDirs(const std::string& path) {
 }
 
 void RemoveTree(const std::string& path) {
-    // Folders a test made read-only or unsearchable must not block the clean-up.
     std::error_code ec;
-    for (auto it = fs::recursive_directory_iterator(
-             path, fs::directory_options::skip_permission_denied, ec);
-         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    chmod(path.c_str(), 0755);
+    for (fs::recursive_directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec)) {
         if (it->is_directory(ec) && !it->is_symlink(ec))
             chmod(it->path().c_str(), 0755);
     }
-    chmod(path.c_str(), 0755);
     fs::remove_all(path, ec);
 }
 
-static int WaitForChild(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR)
-            return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 int RunInChild(const std::function<int()>& fn) {
-    pid_t pid = fork();
-    if (pid < 0)
-        return -1;
+    const pid_t pid = fork();
     if (pid == 0)
         _exit(fn() & 0xff);
-    return WaitForChild(pid);
+    int status = -1;  // no exit status, should waitpid fail
+    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int RunAsUnprivileged(const std::function<int()>& fn) {
-    return RunInChild([&fn]() {
-        if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0)
-            return 254;
-        return fn();
-    });
+    return RunInChild(
+        [&fn] { return setgroups(0, nullptr) || setgid(65534) || setuid(65534) ? 254 : fn(); });
 }
 
 }  // namespace testsupport

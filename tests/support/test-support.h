@@ -1,11 +1,15 @@
+// Helpers shared by the tests; the headers most tests need come with them.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace testsupport {
 
-// A fresh folder under /tmp, removed with everything in it when the object goes.
+// A fresh folder under base, removed with everything in it when the object goes.
 class TempDir {
 public:
     explicit TempDir(const std::string& base = "/tmp");
@@ -19,19 +23,17 @@ private:
     std::string path_;
 };
 
-// Whole-file helpers; WriteFile makes missing parent folders.
+// Whole files; WriteFile makes missing parent folders. RemoveTree also clears what a test
+// made read-only or unsearchable.
 bool WriteFile(const std::string& path, const std::string& contents);
 std::string ReadFile(const std::string& path);
 bool MakeDirs(const std::string& path);
 void RemoveTree(const std::string& path);
 
-// Runs fn in a forked child that has dropped to the unprivileged user and group 65534,
-// and returns fn's result as the child's exit status (0..255), or -1 if the child could
-// not be started or did not exit normally. Tests of permission failures use it because
-// the suite runs as root.
-int RunAsUnprivileged(const std::function<int()>& fn);
-
-// Runs fn in a forked child (same user) and returns its exit status as above.
+// Runs fn in a forked child and returns its result as the child's exit status (0..255), or -1
+// when the child did not start or exit. RunAsUnprivileged's child first drops to user and group
+// 65534 (254 when it cannot): the suite runs as root, and permission failures must be tested.
 int RunInChild(const std::function<int()>& fn);
+int RunAsUnprivileged(const std::function<int()>& fn);
 
 }  // namespace testsupport
