@@ -42,6 +42,7 @@ TEST_F(FileOpTest, Copy) {
     chmod(src.c_str(), 0750);
     chmod((dir / "ro").c_str(), 0555);
     symlink(src.c_str(), (dir / "link").c_str());
+    mkfifo((dir / "fifo").c_str(), 0600);  // must fail at once, not wait for a writer
     const struct {
         std::string from, to;
         bool remove, keep_mode, nobody;
@@ -54,6 +55,7 @@ TEST_F(FileOpTest, Copy) {
         {dir / "plain", dir / "moved", true, false, false, 0, 0644},
         {none, dir / "x", false, false, false, -1, 0},
         {src, none + "/x", false, false, false, -1, 0},
+        {dir / "fifo", dir / "fromfifo", false, false, false, -1, 0},
         {src, "/dev/full", false, false, false, -2, 0666},
         {ro, dir / "ro-copy", true, false, true, -1, 0644},
     };
