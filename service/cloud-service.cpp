@@ -5,8 +5,13 @@
 #include <QSettings>
 #include <QStringList>
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "extractor/extractor.h"
 #include "launcher/notify-adapter.h"
@@ -234,10 +239,24 @@ void Service::LoadSourceVersion() {
 
 void Service::LoadTargetVersion() {
     // A missing package INFO simply yields no keys: the package then counts as build 0.
-    ReadVersionInfo(PathOf("root_resource_path") + "/INFO", target_version);
+    const std::string path = PathOf("root_resource_path") + "/INFO";
+    const bool readable = access(path.c_str(), R_OK) == 0;
+    const int err = errno;
+    ReadVersionInfo(path, target_version);
     LOG_AT(INFO, kComponent, 207, "target_version = (%s, %s, %s, %s)\n",
            target_version.major_version.c_str(), target_version.minor_version.c_str(),
            target_version.build_version.c_str(), target_version.icon_overlay_version.c_str());
+    // A package of build 0 is never installed over a user's copy: say why at once.
+    if (!readable) {
+        LOG_HERE(WARNING, kComponent,
+                 "cannot read the package version file '%s': %s; the package counts as build 0\n",
+                 path.c_str(), strerror(err));
+    } else if (atoi(target_version.build_version.c_str()) <= 0) {
+        LOG_HERE(WARNING, kComponent,
+                 "the package version file '%s' holds no build number (build_version '%s'); the "
+                 "package counts as build 0\n",
+                 path.c_str(), target_version.build_version.c_str());
+    }
 }
 
 int Service::PrepareUserEnv() {
