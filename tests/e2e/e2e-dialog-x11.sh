@@ -16,10 +16,11 @@ EXTRA_PIDS+=($!)
 run_launcher &
 launcher=$!
 for i in $(seq 300); do
-    win=$(xdotool search --onlyvisible --name '^Corvane Quarn Client$' | head -1) && [[ -n "$win" ]] && break
+    win=$(xwininfo -root -tree | awk '/"Corvane Quarn Client": \(/ { w = $1 } END { print w }')
+    [[ -n "$win" && $(xwininfo -id "$win") == *IsViewable* ]] && break
     sleep 0.1
 done
-[[ -n "$win" ]] || fail "no window titled 'Corvane Quarn Client' during the upgrade"
+[[ -n "$win" ]] || fail "no window titled 'Corvane Quarn Client' shown during the upgrade"
 copied() { grep -q 'user installation is ready' "$LOG"; }
 n=0 moved=0 # screenshots taken before the log says the copy ended, and changes between them
 while ! copied && xwd -silent -id "$win" | convert xwd:- "$SHOTS/copy-$n.png" && ! copied; do
@@ -29,7 +30,7 @@ while ! copied && xwd -silent -id "$win" | convert xwd:- "$SHOTS/copy-$n.png" &&
 done
 ((n >= 2 && moved > 0)) || fail "the bar did not move in $n screenshots during the copy"
 sleep 0.5 # the completion text at 100 %, with openbox's title bar, on the whole screen
-xwd -silent -root | convert xwd:- -trim "$SHOTS/done.png"
+xwd -silent -root | convert xwd:- -trim +repage "$SHOTS/done.png"
 # _MOTIF_WM_HINTS: flags (1 functions, 2 decorations), functions (1 all, 2 resize, 8 minimise,
 # 16 maximise), decorations (1 all, 8 title, 32 minimise, 64 maximise).
 read -r -a mwm <<<"$(xprop -id "$win" _MOTIF_WM_HINTS | sed 's/.*= //; s/,/ /g')"
