@@ -13,8 +13,7 @@ make_user_copy 120
 APP_DIR=$ROOT/package/nimbrel slow_start_script 5 # keeps the dialog up after the copy
 openbox --sm-disable >/dev/null 2>&1 &
 EXTRA_PIDS+=($!)
-run_launcher &
-launcher=$!
+run_launcher & launcher=$!
 for i in $(seq 300); do
     win=$(xwininfo -root -tree | awk '/"Corvane Quarn Client": \(/ { w = $1 } END { print w }')
     [[ -n "$win" && $(xwininfo -id "$win") == *IsViewable* ]] && break
