@@ -1,18 +1,18 @@
 #!/usr/bin/env bash
-# The dialog in a real X server (xvfb-run at 96 DPI) under openbox, during an upgrade whose copy
-# lasts seconds: the bar moves between screenshots a second apart; the window titled "Corvane
-# Quarn Client" is 400 pixels wide and fixed so, its hints ask for a title without minimise or
-# maximise (openbox then offers no maximise); closing it (Alt+F4) stops nothing.
+# The dialog under openbox in a real X server (xvfb-run, 96 DPI), during a copy of seconds: the
+# bar moves between screenshots a second apart; the window "Corvane Quarn Client" is fixed at 400
+# pixels; its hints ask for a title without minimise or maximise (openbox then offers no
+# maximise); closing it (Alt+F4) stops nothing.
 . "$(dirname "$0")/e2e-lib.sh"
 QPA=xcb SHOTS=${ARTIFACT_DIR:-$WORK}/dialog-openbox
-make_root
-rm -rf "$SHOTS" && mkdir -p "$SHOTS" "$ROOT/package/nimbrel/share/many"
+make_root && rm -rf "$SHOTS" && mkdir -p "$SHOTS" "$ROOT/package/nimbrel/share/many"
 # 40,000 empty files: each costs the copy about what a small one does, with no data to free.
 (cd "$ROOT/package/nimbrel/share/many" && printf 'f%05d\n' $(seq 40000) | xargs touch)
 make_user_copy 120
 APP_DIR=$ROOT/package/nimbrel slow_start_script 5 # keeps the dialog up after the copy
 openbox --sm-disable >/dev/null 2>&1 &
-EXTRA_PIDS+=($!)
+EXTRA_PIDS+=($!) # up before the dialog maps, or it may manage it unmapped
+for i in $(seq 100); do [[ $(xprop -root _NET_SUPPORTING_WM_CHECK) == *window* ]] && break; sleep 0.1; done
 run_launcher & launcher=$!
 for i in $(seq 300); do
     win=$(xwininfo -root -tree | awk '/"Corvane Quarn Client": \(/ { w = $1 } END { print w }')
