@@ -95,8 +95,8 @@ INSTANTIATE_TEST_SUITE_P(
                       std::make_tuple(true, 0, "1 100 Corvane Quarn Client is ready."),
                       std::make_tuple(true, -1, "1 40 unpacking")));
 
-TEST(StartUp, ThaiSwitchesTheDialogFont) {
-    setenv("LANGUAGE", "th_TH", 1);
-    initializeLanguage(App());
-    EXPECT_EQ("Microsoft Sans Serif", ProcessingProgressDialog().font().family().toStdString());
+TEST(StartUpDeathTest, ThaiSwitchesTheDialogFont) {  // the translator stays: in a child
+    EXPECT_EXIT(setenv("LANGUAGE", "th_TH", 1); initializeLanguage(App());
+                exit(ProcessingProgressDialog().font().family() == "Microsoft Sans Serif" ? 0 : 1),
+                ::testing::ExitedWithCode(0), "");
 }
