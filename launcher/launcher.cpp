@@ -6,7 +6,13 @@
 #include <QIcon>
 #include <QImageReader>
 #include <QPixmap>
+#include <QX11Info>
 
+#include <xcb/xcb.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
 #include <limits>
 
 #include "launcher/notify-adapter.h"
@@ -146,7 +152,49 @@ QIcon IconFromPng(const QString& path) {
     return QIcon(QPixmap::fromImage(reader.read()));
 }
 
+// Qt writes only decoration hints for a title and system menu; window managers that go by the
+// function hints (the other half of the same property) then still offer minimise and maximise.
+// Completing the functions on the X window, after Qt has written its hints and before the
+// window is mapped, leaves moving and closing; the widget's flags stay as they are. Resizing
+// goes too: the width is fixed and the height is the content's, and managers that ignore the
+// minimise and maximise bits (openbox) still take away maximise from a window that cannot
+// be resized.
+void LeaveOutMinimiseAndMaximise(WId window) {
+    if (!QX11Info::isPlatformX11()) {
+        return;
+    }
+    enum : uint32_t { kHintFunctions = 1, kMove = 4, kClose = 32 };
+    xcb_connection_t* connection = QX11Info::connection();
+    static const char kName[] = "_MOTIF_WM_HINTS";
+    xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(
+        connection, xcb_intern_atom(connection, 0, sizeof(kName) - 1, kName), nullptr);
+    if (atom == nullptr) {
+        return;
+    }
+    // Flags, functions, decorations, input mode, status.
+    uint32_t hints[5] = {0, 0, 0, 0, 0};
+    xcb_get_property_reply_t* written = xcb_get_property_reply(
+        connection, xcb_get_property(connection, 0, window, atom->atom, atom->atom, 0, 5), nullptr);
+    if (written != nullptr && written->format == 32) {
+        const int n = std::min(5, xcb_get_property_value_length(written) / 4);
+        const auto* values = static_cast<const uint32_t*>(xcb_get_property_value(written));
+        std::copy(values, values + n, hints);
+    }
+    hints[0] |= kHintFunctions;
+    hints[1] = kMove | kClose;
+    xcb_change_property(connection, XCB_PROP_MODE_REPLACE, window, atom->atom, atom->atom, 32, 5,
+                        hints);
+    xcb_flush(connection);
+    free(written);
+    free(atom);
+}
+
 }  // namespace
+
+void ProcessingProgressDialog::showEvent(QShowEvent* event) {
+    QProgressDialog::showEvent(event);
+    LeaveOutMinimiseAndMaximise(winId());
+}
 
 ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr) {
     const QFont font = QApplication::font();

@@ -74,4 +74,7 @@ class ProcessingProgressDialog : public QProgressDialog {
     Q_OBJECT
 public:
     ProcessingProgressDialog();
+
+protected:
+    void showEvent(QShowEvent* event) override;
 };

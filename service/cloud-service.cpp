@@ -5,9 +5,16 @@
 #include <QSettings>
 #include <QStringList>
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "extractor/extractor.h"
+#include "launcher/notify-adapter.h"
 #include "lib/desktop/ui-path-manager.h"
 #include "lib/file/file-op.h"
 #include "log/log.h"
@@ -85,18 +92,49 @@ void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
     ini.endGroup();
 }
 
-}  // namespace
+// Progress of one package copy: files written of the files counted before it started.
+struct CopyProgress {
+    int total = 0;
+    int done = 0;
+    int shown = -1;  // the percentage last reported
+};
 
-// Nothing reads the timeout; it starts at 0 so that no copy of a service carries garbage.
-Service::Service() : timeout(0) {}
-
-Service::~Service() = default;
-
-void Service::SetTimeout(int value) {
-    timeout = value;
+// The files (every entry but folders) a copy of the folder will write. One listing pass with
+// no reading of file data, so it costs little beside the copy itself.
+int CountFiles(const std::string& path) {
+    DIR_HANDLE handle;
+    if (FSOpenDir(path, 0, handle) < 0) {
+        return 0;
+    }
+    int files = 0;
+    DIR_ENTRY entry;
+    while (FSReadDir(handle, entry) > 0) {
+        if (IsDotEntry(entry.name)) {
+            continue;
+        }
+        const std::string s = path + "/" + entry.name;
+        files += EntryType(s, entry) == 2 ? CountFiles(s) : 1;
+    }
+    FSCloseDir(handle);
+    return files;
 }
 
-int Service::FSCopyPath(const std::string& source, const std::string& dest) {
+// One more file written: the bar moves through the progress relay, once per whole percent so
+// that a package of many small files does not flood the dialog with reports.
+void CountCopied(CopyProgress* progress) {
+    if (progress == nullptr || progress->total <= 0 || progress->done >= progress->total) {
+        return;
+    }
+    ++progress->done;
+    const int percent = static_cast<int>(int64_t{progress->done} * 100 / progress->total);
+    if (percent != progress->shown) {
+        progress->shown = percent;
+        Notify_Adapter::GetInstance()->UpdateProgress(progress->total, progress->done);
+    }
+}
+
+// The recursive folder copy; reports each file written when a progress is given.
+int CopyPath(const std::string& source, const std::string& dest, CopyProgress* progress) {
     LOG_AT(DEBUG, kComponent, 71, "copy from '%s' to '%s'\n", source.c_str(), dest.c_str());
     _FILE_INFO_tag info;
     if (FSStat(source, info, false) < 0) {
@@ -133,23 +171,44 @@ int Service::FSCopyPath(const std::string& source, const std::string& dest) {
         }
         const std::string s = source + "/" + entry.name;
         const std::string d = dest + "/" + entry.name;
-        const int rc = EntryType(s, entry) == 2 ? FSCopyPath(s, d) : FSCopy(s, d, false, true);
+        const bool folder = EntryType(s, entry) == 2;
+        const int rc = folder ? CopyPath(s, d, progress) : FSCopy(s, d, false, true);
         if (rc < 0) {
             LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
                    s.c_str(), d.c_str());
             result = -1;
             break;
         }
+        if (!folder) {
+            CountCopied(progress);
+        }
     }
     FSCloseDir(handle);
     return result;
+}
+
+}  // namespace
+
+// Nothing reads the timeout; it starts at 0 so that no copy of a service carries garbage.
+Service::Service() : timeout(0) {}
+
+Service::~Service() = default;
+
+void Service::SetTimeout(int value) {
+    timeout = value;
+}
+
+int Service::FSCopyPath(const std::string& source, const std::string& dest) {
+    return CopyPath(source, dest, nullptr);
 }
 
 int Service::CopyPackage() {
     const std::string source = PathOf("root_resource_path") + "/package/nimbrel";
     const std::string dest = PathOf("user_corvane_quarn_app_path");
     LOG_AT(INFO, kComponent, 134, "copy package:'%s' -> '%s' \n", source.c_str(), dest.c_str());
-    return FSCopyPath(source, dest);
+    CopyProgress progress;
+    progress.total = CountFiles(source);
+    return CopyPath(source, dest, &progress);
 }
 
 int Service::ExtractPackage() {
@@ -180,10 +239,24 @@ void Service::LoadSourceVersion() {
 
 void Service::LoadTargetVersion() {
     // A missing package INFO simply yields no keys: the package then counts as build 0.
-    ReadVersionInfo(PathOf("root_resource_path") + "/INFO", target_version);
+    const std::string path = PathOf("root_resource_path") + "/INFO";
+    const bool readable = access(path.c_str(), R_OK) == 0;
+    const int err = errno;
+    ReadVersionInfo(path, target_version);
     LOG_AT(INFO, kComponent, 207, "target_version = (%s, %s, %s, %s)\n",
            target_version.major_version.c_str(), target_version.minor_version.c_str(),
            target_version.build_version.c_str(), target_version.icon_overlay_version.c_str());
+    // A package of build 0 is never installed over a user's copy: say why at once.
+    if (!readable) {
+        LOG_HERE(WARNING, kComponent,
+                 "cannot read the package version file '%s': %s; the package counts as build 0\n",
+                 path.c_str(), strerror(err));
+    } else if (atoi(target_version.build_version.c_str()) <= 0) {
+        LOG_HERE(WARNING, kComponent,
+                 "the package version file '%s' holds no build number (build_version '%s'); the "
+                 "package counts as build 0\n",
+                 path.c_str(), target_version.build_version.c_str());
+    }
 }
 
 int Service::PrepareUserEnv() {

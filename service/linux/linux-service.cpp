@@ -147,10 +147,20 @@ void LinuxService::PostUpgrade() {
 int LinuxService::LaunchPerUserBin() {
     const std::string command = app_path + "/package/start-stop start";
     // The launcher runs the start script through the one-string form, which Qt 5.15 marks
-    // deprecated; the script's exit code is of no interest.
+    // deprecated. Its result changes nothing, but a client that does not start must leave a
+    // trace at the default level: -2 is a script that could not be run (missing, not
+    // executable, or a path split at a space), -1 one that crashed.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    QProcess::execute(QString::fromUtf8(command.c_str()));
+    const int status = QProcess::execute(QString::fromUtf8(command.c_str()));
 #pragma GCC diagnostic pop
+    if (status == -2) {
+        LOG_HERE(WARNING, kComponent,
+                 "cannot run the client's start script: '%s' (exit status %d)\n", command.c_str(),
+                 status);
+    } else if (status != 0) {
+        LOG_HERE(WARNING, kComponent, "the client's start script failed: '%s' (exit status %d)\n",
+                 command.c_str(), status);
+    }
     return 0;
 }
