@@ -7,12 +7,10 @@
 #include <QImageReader>
 #include <QPixmap>
 #include <QX11Info>
-
 #include <xcb/xcb.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
 
 #include "launcher/notify-adapter.h"
@@ -23,7 +21,6 @@
 #include "service/linux/linux-service.h"
 
 namespace {
-
 const char kComponent[] = "launcher_debug";
 
 // Ids of the string-table rows the launcher shows.
@@ -33,11 +30,9 @@ const int kStrInitializing = 716;  // "%1 is initializing..."
 
 }  // namespace
 
-// Every automatic connection below is queued, the worker living on its own thread and the
-// adapter on this one: sigStart is served on the worker thread, all reports on the GUI thread,
-// which alone touches the dialog. Nothing may stop an upgrade half-way: the dialog has no
-// cancel button, and closing it (Esc, the window's close) only hides it; the application ends
-// when the work is done. The bar stays at 100 once there; the desktop is never blocked.
+// The connections are queued (the worker on its own thread, the adapter on this one), so only
+// the GUI thread touches the dialog. Nothing stops an upgrade half-way: no cancel button, and
+// closing the dialog (Esc, the window's close) only hides it; the work ends the application.
 Launcher::Launcher() {
     worker = new Worker();
     dialog = new ProcessingProgressDialog();
@@ -45,7 +40,6 @@ Launcher::Launcher() {
     dialog->setAutoReset(false);
     dialog->setModal(false);
     dialog->setAttribute(Qt::WA_QuitOnClose, false);
-    // One line per connection, so each reads as sender, signal, receiver, slot.
     // clang-format off
     connect(this, SIGNAL(sigStart()), worker, SLOT(HandleServicce()));
     connect(worker, SIGNAL(sigShowMsg()), this, SLOT(ShowMsgBox()));

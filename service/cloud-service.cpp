@@ -32,15 +32,10 @@ bool IsDotEntry(const std::string& name) {
 // the entry itself says, so that no folder of the package is ever copied as a file.
 int EntryType(const std::string& path, const DIR_ENTRY& entry) {
     _FILE_INFO_tag info;
-    if (entry.type != 0 || FSStat(path, info, false) < 0) {
+    if (entry.type != FS_TYPE_MISSING || FSStat(path, info, false) < 0) {
         return entry.type;
     }
     return info.type;
-}
-
-// A path-table value as the narrow string the file layer takes.
-std::string PathOf(const char* key) {
-    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toUtf8().toStdString();
 }
 
 // A path in the system's own separators, as a narrow string.
@@ -113,7 +108,7 @@ int CountFiles(const std::string& path) {
             continue;
         }
         const std::string s = path + "/" + entry.name;
-        files += EntryType(s, entry) == 2 ? CountFiles(s) : 1;
+        files += EntryType(s, entry) == FS_TYPE_FOLDER ? CountFiles(s) : 1;
     }
     FSCloseDir(handle);
     return files;
@@ -146,7 +141,7 @@ int CopyPath(const std::string& source, const std::string& dest, CopyProgress* p
                source.c_str());
         return -1;
     }
-    if (info.type != 2) {
+    if (info.type != FS_TYPE_FOLDER) {
         // A single file (or a link, also one to a folder) at the top: its copy result is not
         // part of the answer.
         FSCopy(source, dest, false, false);
@@ -171,7 +166,7 @@ int CopyPath(const std::string& source, const std::string& dest, CopyProgress* p
         }
         const std::string s = source + "/" + entry.name;
         const std::string d = dest + "/" + entry.name;
-        const bool folder = EntryType(s, entry) == 2;
+        const bool folder = EntryType(s, entry) == FS_TYPE_FOLDER;
         const int rc = folder ? CopyPath(s, d, progress) : FSCopy(s, d, false, true);
         if (rc < 0) {
             LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
@@ -203,8 +198,8 @@ int Service::FSCopyPath(const std::string& source, const std::string& dest) {
 }
 
 int Service::CopyPackage() {
-    const std::string source = PathOf("root_resource_path") + "/package/nimbrel";
-    const std::string dest = PathOf("user_corvane_quarn_app_path");
+    const std::string source = PathUtf8("root_resource_path") + "/package/nimbrel";
+    const std::string dest = PathUtf8("user_corvane_quarn_app_path");
     LOG_AT(INFO, kComponent, 134, "copy package:'%s' -> '%s' \n", source.c_str(), dest.c_str());
     CopyProgress progress;
     progress.total = CountFiles(source);
@@ -212,8 +207,8 @@ int Service::CopyPackage() {
 }
 
 int Service::ExtractPackage() {
-    const std::string source = PathOf("root_resource_path") + "/package/nimbrel.vbx";
-    const std::string dest = PathOf("user_corvane_quarn_app_path");
+    const std::string source = PathUtf8("root_resource_path") + "/package/nimbrel.vbx";
+    const std::string dest = PathUtf8("user_corvane_quarn_app_path");
     if (FSMKDir(dest, true) < 0) {
         LOG_AT(ERROR, kComponent, 149, "failed to create folder: '%s'\n", dest.c_str());
         return -1;
@@ -226,7 +221,7 @@ int Service::ExtractPackage() {
 }
 
 void Service::LoadSourceVersion() {
-    const std::string path = PathOf("user_corvane_quarn_resource_path") + "/INFO";
+    const std::string path = PathUtf8("user_corvane_quarn_resource_path") + "/INFO";
     if (!IsFileExist(path, false)) {
         LOG_AT(INFO, kComponent, 172, "source does not exist\n");
         return;
@@ -239,7 +234,7 @@ void Service::LoadSourceVersion() {
 
 void Service::LoadTargetVersion() {
     // A missing package INFO simply yields no keys: the package then counts as build 0.
-    const std::string path = PathOf("root_resource_path") + "/INFO";
+    const std::string path = PathUtf8("root_resource_path") + "/INFO";
     const bool readable = access(path.c_str(), R_OK) == 0;
     const int err = errno;
     ReadVersionInfo(path, target_version);
@@ -328,7 +323,7 @@ void Service::MigrateService() {
 }
 
 void Service::RemoveAgedFolders() {
-    const std::string path = PathOf("user_nimbrel_path") + "/app";
+    const std::string path = PathUtf8("user_nimbrel_path") + "/app";
     LOG_AT(INFO, kComponent, 301, "removing aged app folder %s\n", path.c_str());
     FSRemove(path, false);
 }

@@ -16,6 +16,10 @@ QString UIPathManager::getPath(const QString& key) {
     return paths.value(key);
 }
 
+std::string PathUtf8(const char* key) {
+    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toUtf8().toStdString();
+}
+
 void FillQuarnPathTable(const std::function<QString()>& user_install_root,
                         const QString& launcher_dir) {
     static const struct {

@@ -53,17 +53,17 @@ namespace {
 int TypeFromMode(uint32_t mode) {
     const uint32_t kind = mode & 0xF000;
     if (kind == 0x8000)
-        return 1;
+        return FS_TYPE_FILE;
     if (kind == 0x4000)
-        return 2;
+        return FS_TYPE_FOLDER;
     if ((mode & 0xB000) == 0x2000)
-        return 5;  // character and block devices
+        return FS_TYPE_DEVICE;  // character and block devices
     if (kind == 0xA000)
-        return 3;
+        return FS_TYPE_LINK;
     if (kind == 0x1000)
-        return 6;
+        return FS_TYPE_FIFO;
     if (kind == 0xC000)
-        return 7;
+        return FS_TYPE_SOCKET;
     return -1;
 }
 
@@ -131,7 +131,7 @@ int GetFileInfo(const std::string& path, _FILE_INFO_tag& info) {
         info.exists = false;
         info.name = FSBaseName(path);
         info.path = path;
-        info.type = 0;
+        info.type = FS_TYPE_MISSING;
         info.mtime = 0;
         info.size = 0;
         info.uid = 0;
@@ -326,7 +326,7 @@ int FSMKDir(const std::string& path, bool recursive) {
         return -1;
     }
     if (info.exists) {
-        if (info.type == 2)
+        if (info.type == FS_TYPE_FOLDER)
             return 0;
         // A link to a folder is refused too: the caller asked for a real folder.
         FS_LOG_AT(ERROR, 560,
@@ -378,7 +378,7 @@ int FSRemove(const std::string& path, bool /*flag: has no effect*/) {
         return -1;
     if (!info.exists)
         return 0;
-    if (info.type != 2)
+    if (info.type != FS_TYPE_FOLDER)
         return unlink(path.c_str()) == 0 ? 0 : -3;
 
     // A link to a folder has type 3 and went above: its target is never entered.
@@ -439,26 +439,26 @@ int FSReadDir(DIR_HANDLE& handle, DIR_ENTRY& entry) {
     // The type the listing reports, never the information call's.
     switch (listed->d_type) {
         case DT_FIFO:
-            entry.type = 6;
+            entry.type = FS_TYPE_FIFO;
             break;
         case DT_CHR:
         case DT_BLK:
-            entry.type = 5;
+            entry.type = FS_TYPE_DEVICE;
             break;
         case DT_DIR:
-            entry.type = 2;
+            entry.type = FS_TYPE_FOLDER;
             break;
         case DT_REG:
-            entry.type = 1;
+            entry.type = FS_TYPE_FILE;
             break;
         case DT_LNK:
-            entry.type = 3;
+            entry.type = FS_TYPE_LINK;
             break;
         case DT_SOCK:
-            entry.type = 7;
+            entry.type = FS_TYPE_SOCKET;
             break;
         default:
-            entry.type = 0;
+            entry.type = FS_TYPE_MISSING;
             break;
     }
     return 1;
@@ -634,10 +634,10 @@ int FSRename(const std::string& source, const std::string& dest, bool follow) {
     FS_LOG(DEBUG, "rename failed: %s -> %s, %s (%d)\n", source.c_str(), dest.c_str(), strerror(err),
            err);
     switch (info.type) {
-        case 1:
+        case FS_TYPE_FILE:
             // Copied with 0644 whatever the source had: the execute bits do not survive.
             return FSCopy(source, dest, true, false) < 0 ? -3 : 0;
-        case 2:
+        case FS_TYPE_FOLDER:
             return MoveFolderAcross(source, dest, follow);
         default:
             // Links, devices, FIFOs and sockets never move across devices.

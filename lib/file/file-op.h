@@ -5,8 +5,18 @@
 #include <cstdint>
 #include <string>
 
-// File information record; type codes: 0 missing, 1 file, 2 folder, 3 link, 5 device,
-// 6 FIFO, 7 socket.
+// Type codes of _FILE_INFO_tag::type and DIR_ENTRY::type (4 is not used).
+enum FSType : int32_t {
+    FS_TYPE_MISSING = 0,
+    FS_TYPE_FILE = 1,
+    FS_TYPE_FOLDER = 2,
+    FS_TYPE_LINK = 3,
+    FS_TYPE_DEVICE = 5,
+    FS_TYPE_FIFO = 6,
+    FS_TYPE_SOCKET = 7,
+};
+
+// File information record; its type is one of the FSType codes.
 struct _FILE_INFO_tag {
     std::string path;
     std::string name;

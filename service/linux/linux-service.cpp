@@ -21,10 +21,6 @@ namespace {
 
 const char* const kComponent = "service_debug";
 
-std::string PathOf(const char* key) {
-    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toUtf8().toStdString();
-}
-
 // A build number as text: its leading digits, 0 when there are none or the text is empty.
 int BuildNumber(const std::string& build) {
     return build.empty() ? 0 : atoi(build.c_str());
@@ -34,7 +30,7 @@ int BuildNumber(const std::string& build) {
 
 LinuxService::LinuxService() {
     timeout = 10000;
-    app_path = PathOf("user_corvane_quarn_app_path");
+    app_path = PathUtf8("user_corvane_quarn_app_path");
 }
 
 void LinuxService::LoadSourceVerInfo() {
@@ -55,7 +51,7 @@ void LinuxService::PreUpgrade() {
 }
 
 void LinuxService::StopService() {
-    const std::string pidfile = PathOf("user_corvane_quarn_path") + "/ui.pid";
+    const std::string pidfile = PathUtf8("user_corvane_quarn_path") + "/ui.pid";
     if (!IsFileExist(pidfile, false)) {
         LOG_AT(DEBUG, kComponent, 76, "pid file '%s' does not exist, no need to terminate\n",
                pidfile.c_str());
@@ -117,7 +113,7 @@ void LinuxService::StopService() {
 
 bool LinuxService::PerUserBinPathExist() {
     // access() follows links: a dangling link to the UI counts as missing.
-    return access(PathOf("user_corvane_quarn_ui_path").c_str(), F_OK) == 0;
+    return access(PathUtf8("user_corvane_quarn_ui_path").c_str(), F_OK) == 0;
 }
 
 bool LinuxService::IsNeedUpgrade() {
