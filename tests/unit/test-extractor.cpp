@@ -52,13 +52,8 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
                      [&](QString text) { shown += text.toStdString() + ";"; });
     QObject::connect(Notify_Adapter::GetInstance(), &Notify_Adapter::sigUpdateProgress, &context,
                      [&](int total, int at) { shown += std::to_string(total * 100 + at) + ";"; });
-    const std::string tool = "#!/bin/sh\necho tool\n", big(70000, 'r'), outside = tmp / "outside",
+    const std::string tool = "#!/bin/sh\necho tool\n", outside = tmp / "outside",
                       absolute = "/lq-extractor-absolute-probe/evil";
-    const std::vector<std::pair<std::string, std::string>> package = {{"pkg/", ""},
-                                                                      {"pkg/bin/tool", tool},
-                                                                      {"pkg/big", big},
-                                                                      {"@pkg/current", "bin/tool"},
-                                                                      {"top", ""}};
     std::vector<std::pair<std::string, std::string>> twelve;
     for (int i = 1; i <= 12; ++i)
         twelve.push_back({"f" + std::to_string(i), std::string(100 * i, 'a' + i)});
@@ -80,10 +75,9 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
         std::string file, data;  // a file below the target and its bytes
         std::string logged;      // a line the row logs, from its number on
     } cases[] = {
-        {Archive(tmp / "gz", "pax", true, package), tmp / "1", 5, 0, 5, "/pkg/current", tool,
-         "159): decompress from '"},
-        {Archive(tmp / "zip", "zip", false, package), tmp / "2", 5, 0, 5, "/pkg/big", big,
-         "159): decompress from '"},
+        {Archive(tmp / "gz", "pax", true,
+                 {{"pkg/", ""}, {"pkg/bin/tool", tool}, {"@pkg/current", "bin/tool"}, {"top", ""}}),
+         tmp / "1", 4, 0, 4, "/pkg/current", tool, "159): decompress from '"},
         {Archive(tmp / "empty", "pax", false, {}), tmp / "3", 0, -1, 0, "", "",
          "166): Failed to calculate total file numbers, ret: 0\n"},
         {tmp / "missing", tmp / "4", -1, -1, 0, "", "",
@@ -95,7 +89,7 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
                  {{"@escape", outside}, {"escape/planted", "p"}, {absolute, "x"}, {"../x", "2"}}),
          tmp / "7", 4, -1, 3, absolute, "x", "220): archive_read_extract2 failed: '"},
         {"", tmp / "8", -1, -1, -1, "", "", "155): Invalid Argument\n"},
-        {tmp / "zip", "", -1, -1, -1, "", "", "101): Invalid argument\n"},
+        {tmp / "gz", "", -1, -1, -1, "", "", "101): Invalid argument\n"},
     };
     testsupport::MakeDirs(outside);
     for (const auto& c : cases) {

@@ -6,11 +6,17 @@
 
 #include "lib/file/file-op.h"
 #include "log/log.h"
+#include "log/tmp-name-gen.h"
 #include "tests/support/test-support.h"
 
 using testsupport::MakeDirs;
 using testsupport::ReadFile;
 using testsupport::WriteFile;
+
+// Pins the name engine to the state a fresh process has before it reseeds.
+struct TmpNameGenTestAccess {
+    static void Seed(uint64_t state) { TmpNameGen::getInstance().engine.seed(state); }
+};
 
 static mode_t Mode(const std::string& path) {
     struct stat st;
@@ -41,7 +47,7 @@ TEST_F(FileOpTest, Copy) {
     WriteFile(ro, bytes);
     chmod(src.c_str(), 0750);
     chmod((dir / "ro").c_str(), 0555);
-    symlink(src.c_str(), (dir / "link").c_str());
+    ASSERT_EQ(0, symlink(src.c_str(), (dir / "link").c_str()));
     mkfifo((dir / "fifo").c_str(), 0600);  // must fail at once, not wait for a writer
     const struct {
         std::string from, to;
@@ -83,7 +89,7 @@ TEST_F(FileOpTest, Rename) {
     chmod((dir / "a").c_str(), 0755);
     WriteFile(dir / "tree/x/y/deep", std::string(70000, 'd'));
     MakeDirs(dir / "tree/x/empty");
-    symlink("anything", (dir / "link").c_str());
+    ASSERT_EQ(0, symlink("anything", (dir / "link").c_str()));
     const struct {
         std::string from, to, part;
         int rc;
@@ -108,7 +114,7 @@ TEST_F(FileOpTest, Rename) {
 
 TEST_F(FileOpTest, Folders) {
     WriteFile(dir / "file", "x");
-    symlink((dir / "gone").c_str(), (dir / "dangling").c_str());
+    ASSERT_EQ(0, symlink((dir / "gone").c_str(), (dir / "dangling").c_str()));
     // Each failure logs its fixed line.
     const std::tuple<std::string, int, int> made[] = {{"a/b", -2, 583},
                                                       {"a/b/c/", 0, 0},
@@ -147,7 +153,7 @@ TEST_F(FileOpTest, Folders) {
 
     // Removal never follows a link; a folder nobody may read is left alone, and that is no failure.
     WriteFile(dir / "outside/keep", "kept");
-    symlink((dir / "outside").c_str(), (dir / "a/b/link").c_str());
+    ASSERT_EQ(0, symlink((dir / "outside").c_str(), (dir / "a/b/link").c_str()));
     EXPECT_EQ(0, FSRemove(dir / "a", false));
     EXPECT_FALSE(IsFileExist(dir / "a", false));
     EXPECT_EQ("kept", ReadFile(dir / "outside/keep"));
@@ -162,10 +168,11 @@ TEST_F(FileOpTest, TheRestOfTheLayer) {
     WriteFile(file, "x");
     MakeDirs(dir / "real/sub");
     MakeDirs(root);
-    symlink((dir / "real").c_str(), (dir / "alias").c_str());
+    ASSERT_EQ(0, symlink((dir / "real").c_str(), (dir / "alias").c_str()));
     mkfifo((dir / "fifo").c_str(), 0600);
     std::string real = dir / "alias/sub/..", missing = none + "/..", temp, name, target;
     _FILE_INFO_tag info;
+    TmpNameGenTestAccess::Seed(1);  // the same seed gives the same names
     auto type = [&info](const std::string& path) {
         return GetFileInfo(path, info) != 0 ? -1 : info.exists ? info.type : 10 + info.type;
     };
@@ -213,7 +220,7 @@ TEST_F(FileOpTest, TheRestOfTheLayer) {
                                     {missing, none + "/.."},
                                     {target, std::string(4095, 'x')},
                                     {FSParentPath(name), dir.path()},
-                                    {std::to_string(FSBaseName(name).size()), "8"},
+                                    {FSBaseName(name), "08Mtye3H"},
                                     {FSParentPath("a"), "/"},
                                     {FSParentPath("/"), "/"},
                                     {FSParentPath("/a/b/"), "/a/b"}};

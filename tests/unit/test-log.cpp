@@ -38,18 +38,15 @@ static std::string Prefix(const char* tag, int line) {
     return text;
 }
 
-// Must stay the first test: before Initialize, ERROR and WARNING lines go to standard error.
-TEST(Logger, StartsWritingToStandardError) {
+// Before Initialize, ERROR and WARNING lines go to standard error. The level file: a value that
+// is no number gives 0, unknown components take WARNING, and "default_component" is only a name
+// like any other.
+TEST(Logger, LinesAndComponentLevels) {
     testing::internal::CaptureStderr();
     LOG_AT(WARNING, "startup", 12, "early %d\n", 2);
     LOG_AT(NOTE, "startup", 13, "early %d\n", 3);
     EXPECT_EQ(Lines{Prefix("WARNING", 12) + "early 2\n"},
               Unstamped(testing::internal::GetCapturedStderr()));
-}
-
-// The level file: a value that is no number gives 0, unknown components take WARNING, and
-// "default_component" is only a name like any other.
-TEST(Logger, LinesAndComponentLevels) {
     testsupport::TempDir dir;
     const std::string path = dir / "launcher.log", levels = dir / "launcher.debug";
     ASSERT_TRUE(testsupport::WriteFile(
