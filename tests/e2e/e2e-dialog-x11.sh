@@ -26,18 +26,21 @@ run_launcher &
 launcher=$!
 
 win=""
-for i in $(seq 60); do
+for i in $(seq 600); do  # up to a minute: the machine may be busy
     win=$(xwininfo -root -tree 2>/dev/null | grep -F "\"$TITLE\"" | awk '{print $1}' | head -1 || true)
     [[ -n "$win" ]] && break
     sleep 0.1
 done
-[[ -n "$win" ]] || fail "no window titled '$TITLE' during the upgrade"
+[[ -n "$win" ]] || fail "no window titled '$TITLE' within 60 s of the upgrade's start"
 sleep 0.5  # let it paint
 
 info=$(xwininfo -id "$win")
 width=$(awk '/Width:/ {print $2}' <<<"$info")
 [[ "$width" == 400 ]] || fail "window is $width pixels wide"
 grep -q 'Map State: IsViewable' <<<"$info" || fail "window not mapped"
+for p in $(processes_naming "$ROOT/bin/cloud-quarn-launcher"); do  # it draws nothing with GL
+    ! grep -q -e swrast_dri -e xcb-glx-integration "/proc/$p/maps" || fail "the launcher loaded GL"
+done
 
 # _MOTIF_WM_HINTS = flags, functions, decorations, input mode, status.
 read -r -a mwm <<<"$(xprop -id "$win" _MOTIF_WM_HINTS | sed 's/.*= //; s/,/ /g')"
