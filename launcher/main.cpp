@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QFont>
+#include <QOpenGLContext>
 #include <QTranslator>
 
 #include "launcher/launcher.h"
@@ -22,6 +23,33 @@ const char kComponent[] = "launcher_debug";
 QString GetPath(const char* key) {
     return UIPathManager::getInstance()->getPath(key);
 }
+
+// The launcher draws nothing with OpenGL, yet on X11 Qt loads a GL driver for its first window
+// (Mesa's software one where there is no GPU): time, memory and a library that leaves leaks
+// behind when it is unloaded. Unless the user chose a GL integration, the launcher's own
+// process goes without one. The variable is cleared again once the platform has settled its
+// choice, so the client that the start script starts inherits the user's environment as it was.
+class NoGlIntegration {
+public:
+    NoGlIntegration() : set_(!qEnvironmentVariableIsSet(kVariable)) {
+        if (set_)
+            qputenv(kVariable, "none");
+    }
+    // Call once the application object exists.
+    void Settle() {
+        if (!set_)
+            return;
+        // Asking whether threaded OpenGL works makes the X11 platform pick its GL integration
+        // now, while the variable is set; without this it would do so at the first window.
+        QOpenGLContext::supportsThreadedOpenGL();
+        qunsetenv(kVariable);
+        set_ = false;
+    }
+
+private:
+    static constexpr const char* kVariable = "QT_XCB_GL_INTEGRATION";
+    bool set_;
+};
 
 }  // namespace
 
@@ -81,7 +109,9 @@ void initializeLanguage(QtSingleApplication& app) {
 }
 
 int main(int argc, char** argv) {
+    NoGlIntegration no_gl;
     QtSingleApplication app(argc, argv, true);
+    no_gl.Settle();
     initialize_resources();
     initializeQuarnPaths();
     initialize_logger();

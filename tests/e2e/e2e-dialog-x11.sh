@@ -14,12 +14,15 @@ openbox --sm-disable >/dev/null 2>&1 &
 EXTRA_PIDS+=($!) # up before the dialog maps, or it may manage it unmapped
 for i in $(seq 100); do [[ $(xprop -root _NET_SUPPORTING_WM_CHECK) == *window* ]] && break; sleep 0.1; done
 run_launcher & launcher=$!
-for i in $(seq 300); do
+for i in $(seq 600); do # up to a minute: the machine may be busy
     win=$(xwininfo -root -tree | awk '/"Corvane Quarn Client": \(/ { w = $1 } END { print w }')
     [[ -n "$win" && $(xwininfo -id "$win") == *IsViewable* ]] && break
     sleep 0.1
 done
-[[ -n "$win" ]] || fail "no window titled 'Corvane Quarn Client' shown during the upgrade"
+[[ -n "$win" ]] || fail "no window titled 'Corvane Quarn Client' within 60 s of the upgrade's start"
+for p in $(processes_naming "$ROOT/bin/cloud-quarn-launcher"); do # it draws nothing with GL
+    ! grep -q -e swrast_dri -e xcb-glx-integration "/proc/$p/maps" || fail "the launcher loaded GL"
+done
 copied() { grep -q 'user installation is ready' "$LOG"; }
 n=0 moved=0 # screenshots taken before the log says the copy ended, and changes between them
 while ! copied && xwd -silent -id "$win" | convert xwd:- "$SHOTS/copy-$n.png" && ! copied; do
