@@ -12,11 +12,17 @@ make_user_copy 120
 APP_DIR=$ROOT/package/nimbrel slow_start_script 5 # keeps the dialog up after the copy
 openbox --sm-disable >/dev/null 2>&1 &
 EXTRA_PIDS+=($!) # up before the dialog maps, or it may manage it unmapped
-for i in $(seq 100); do [[ $(xprop -root _NET_SUPPORTING_WM_CHECK) == *window* ]] && break; sleep 0.1; done
+# Up when its theme is loaded, its last step before it serves requests: a window mapped earlier
+# may never be managed, nor shown.
+wait_until "openbox to start" eval '[[ $(xprop -root _OB_THEME) == *=* ]]'
 run_launcher & launcher=$!
+viewable() { # the first window so titled that is on screen
+    for w in $(xwininfo -root -tree | awk '/"Corvane Quarn Client": \(/ { print $1 }'); do
+        [[ $(xwininfo -id "$w") == *IsViewable* ]] && echo "$w" && return
+    done
+}
 for i in $(seq 600); do # up to a minute: the machine may be busy
-    win=$(xwininfo -root -tree | awk '/"Corvane Quarn Client": \(/ { w = $1 } END { print w }')
-    [[ -n "$win" && $(xwininfo -id "$win") == *IsViewable* ]] && break
+    win=$(viewable) && [[ -n "$win" ]] && break
     sleep 0.1
 done
 [[ -n "$win" ]] || fail "no window titled 'Corvane Quarn Client' within 60 s of the upgrade's start"
