@@ -7,7 +7,6 @@
 // and lasting at every point, and 200 kills; else one of them a point, and 10 kills.
 
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +18,7 @@
 #include "service/linux/linux-service.h"
 #include "tests/support/test-support.h"
 
-using Tree = std::map<std::string, std::string>;  // path -> mode, digest of bytes or target
+using Tree = std::map<std::string, std::string>;  // path -> type, mode, digest of bytes or target
 using namespace testsupport;
 static const char* g_self;
 
@@ -27,14 +26,13 @@ static Tree Snapshot(const std::string& root) {
     namespace fs = std::filesystem;
     Tree tree;
     std::error_code ec, no;
-    struct stat st;
     for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
         const std::string p = it->path();
-        lstat(p.c_str(), &st);
+        const fs::file_status st = it->symlink_status();
         const std::string bytes =
-            S_ISREG(st.st_mode) ? ReadFile(p) : fs::read_symlink(p, no).string();
-        tree[p.substr(root.size())] =
-            std::to_string(st.st_mode) + ":" + std::to_string(std::hash<std::string>{}(bytes));
+            is_regular_file(st) ? ReadFile(p) : fs::read_symlink(p, no).string();
+        tree[p.substr(root.size())] = std::to_string(int(st.type()) << 12 | int(st.permissions())) +
+                                      ":" + std::to_string(std::hash<std::string>{}(bytes));
     }
     return tree;
 }
