@@ -1,24 +1,53 @@
-// The upgrade under injected faults and kills. A round puts the old copy (build 120, with a data
-// folder and a pid file naming 2^32 + a sentinel's pid) in the home, runs the worker's upgrade
-// (no client start) in a fresh process with fault-shim.c failing its k-th file-system call or
-// sending it SIGKILL there, then once cleanly, and asserts: no hang, no crash, both sentinels
-// (one in the runs' process group, one in its own) alive, the data untouched, the user copy the
-// package or the old one, or one of the kept outcomes, counted. UPGRADE_FAULTS_LONG=1: every
-// errno once and lasting at every point, and 200 kills; else one of them a point, and 10 kills.
+// The upgrade under injected faults, kills and spoiled packages. A round puts the old copy
+// (build 120, a data folder, a pid file naming 2^32 + a sentinel's pid) in the home, runs the
+// worker's upgrade in a fresh process with fault-shim.c failing its k-th file-system call or
+// killing it there, then once cleanly, and asserts: no hang, no crash, both sentinels (one in
+// the runs' process group, one in its own) alive, the data untouched, the user copy the package
+// or the old one, or one of the kept outcomes, counted. UPGRADE_FAULTS_LONG=1: every errno once
+// and lasting at every point, and 200 kills; else one of them a point, and 10 kills.
 
 #include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <filesystem>
+#include <map>
 #include <random>
 
-#include "tests/unit/service-test-env.h"
+#include "lib/desktop/ui-path-manager.h"
+#include "service/linux/linux-service.h"
+#include "tests/support/test-support.h"
 
-using namespace servicetest;
+using Tree = std::map<std::string, std::string>;  // path -> type, mode, digest of bytes or target
+using namespace testsupport;
 static const char* g_self;
 
-TEST_F(ServiceTest, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
-    Install(true);
-    ASSERT_TRUE(WriteFile(quarn + "/data/db", "rows"));
-    ASSERT_TRUE(WriteFile(Package() + "/lib/a.so", std::string(40000, 'n')));
+static Tree Snapshot(const std::string& root) {
+    namespace fs = std::filesystem;
+    Tree tree;
+    std::error_code ec, no;
+    for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string p = it->path();
+        const fs::file_status st = it->symlink_status();
+        const std::string bytes =
+            is_regular_file(st) ? ReadFile(p) : fs::read_symlink(p, no).string();
+        tree[p.substr(root.size())] = std::to_string(int(st.type()) << 12 | int(st.permissions())) +
+                                      ":" + std::to_string(std::hash<std::string>{}(bytes));
+    }
+    return tree;
+}
+
+TEST(UpgradeFaults, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
+    testsupport::TempDir base;
+    const std::string root = base / "opt", quarn = base / "home/.CorvaneQuarn",
+                      app = quarn + "/CorvaneQuarn.app", package = root + "/package/nimbrel";
+    setenv("HOME", (base / "home").c_str(), 1), unsetenv("XDG_CURRENT_DESKTOP");
+    setenv("R", root.c_str(), 1), setenv("Q", quarn.c_str(), 1), setenv("A", app.c_str(), 1),
+        setenv("P", package.c_str(), 1);
+    ASSERT_EQ(system("m=" LAUNCHER_SOURCE_DIR "/scripts/make-sample-install; $m $R 120 && "
+                     "mkdir -p $Q/data && cp -a $P $A && echo x >$A/only-in-old && $m $R 121 && "
+                     "echo rows >$Q/data/db && head -c 40000 /dev/urandom >$P/bin/a.so"),
+              0);
     pid_t sentinels[2];
     for (pid_t& sentinel : sentinels) {
         if ((sentinel = fork()) == 0)
@@ -28,8 +57,8 @@ TEST_F(ServiceTest, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
     }
     ASSERT_TRUE(WriteFile(quarn + "/ui.pid", "pid=" + std::to_string((1LL << 32) + sentinels[1])));
     ASSERT_EQ(system(("cp -a $Q " + base / "old").c_str()), 0);
-    TreeSnapshot old = Snapshot(app), package = Snapshot(Package()),
-                 data = Snapshot(quarn + "/data"), both = package;
+    Tree old = Snapshot(app), new_copy = Snapshot(package), data = Snapshot(quarn + "/data"),
+         both = new_copy;
     both.insert(old.begin(), old.end());
     const auto run = [&](const std::string& fault, const char* count) {  // its wait status
         const pid_t pid = fork();
@@ -39,29 +68,32 @@ TEST_F(ServiceTest, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
                    (std::string(asan ? asan : "") + ":verify_asan_link_order=0").c_str(), 1);
             setenv("FAULT", fault.c_str(), 1), setenv("FAULT_COUNT", (base / count).c_str(), 1);
             setenv("FAULT_ROOT", base.path().c_str(), 1), setenv("LD_PRELOAD", FAULT_SHIM, 1);
-            setpgid(0, sentinels[0]), alarm(60);  // a run that hangs ends on SIGALRM
+            setpgid(0, sentinels[0]), alarm(30);  // a run that hangs ends on SIGALRM
             _exit(execl(g_self, g_self, root.c_str(), nullptr));
         }
         int status = -1;
         return waitpid(pid, &status, 0), status;
     };
-    const auto round = [&](const std::string& fault) {  // the outcome, "BROKEN" if none
-        EXPECT_EQ(system(("rm -rf $Q && cp -a " + base / "old $Q").c_str()), 0);
+    // The outcome, "BROKEN" if none; spoil, run after the old copy is back, spoils the package.
+    const auto round = [&](const std::string& fault, const std::string& spoil = "true") {
+        EXPECT_EQ(system(("rm -rf $Q $P/bad && cp -a " + base / "old $Q && " + spoil).c_str()), 0);
         const int status = run(fault, "count");
         EXPECT_TRUE(status == 0 || (status == SIGKILL && fault.back() == '2')) << fault << status;
         EXPECT_EQ(run("0 0 0", "clean-count"), 0) << fault << ": the clean run after it";
         for (const pid_t sentinel : sentinels)
             EXPECT_EQ(waitpid(sentinel, nullptr, WNOHANG), 0) << fault << ": a sentinel ended";
         EXPECT_EQ(Snapshot(quarn + "/data"), data) << fault << ": the data folder changed";
-        const TreeSnapshot now = Snapshot(app);
-        bool aside = false;
-        for (const char* n : {"", "1", "2", "3", "4", "5", "6", "7", "8", "9"})
+        const Tree now = Snapshot(app);
+        bool aside = false, backup = false;
+        for (const char* n : {"", "1", "2", "3", "4", "5", "6", "7", "8", "9"}) {
             aside |= Snapshot(app + "_tmp" + n) == old;
+            backup |= access((app + "_tmp" + n).c_str(), F_OK) == 0;
+        }
         const std::string kept =
-            now == package ? (Exists(app + "_tmp") ? "new, backup kept" : "new")
-            : now == old   ? "old"
-            : aside        ? "kept: old copy under its backup name"
-            : std::includes(package.begin(), package.end(), now.begin(), now.end())
+            now == new_copy ? (backup ? "new, backup kept" : "new")
+            : now == old    ? "old"
+            : aside         ? "kept: old copy under its backup name"
+            : std::includes(new_copy.begin(), new_copy.end(), now.begin(), now.end())
                 ? "kept: a folder not opened, not copied"
             : std::includes(both.begin(), both.end(), now.begin(), now.end())
                 ? "copied over an old copy it could not stat"
@@ -73,6 +105,15 @@ TEST_F(ServiceTest, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
     ASSERT_EQ(round("0 0 0"), "new");
     const long points = std::stol("0" + ReadFile(base / "count"));
     ASSERT_GT(points, 50) << "the shim sees the upgrade's calls";
+    // No old copy beside a stale backup; backup names taken (all ten: nothing is replaced); a
+    // FIFO or a device in the package: its copy fails at once, and the old copy comes back.
+    const std::string ten = "for n in '' 1 2 3 4 5 6 7 8 9; do mkdir -p $A\"_tmp$n/x\"; done";
+    for (const auto& [spoil, outcome] : {std::pair("rm -r $A && mkdir -p ${A}_tmp/x", "new"),
+                                         {"mkdir -p ${A}_tmp/x", "new"},
+                                         {ten.c_str(), "old"},
+                                         {"mkfifo $P/bad", "old"},
+                                         {"mknod $P/bad c 1 3", "old"}})
+        EXPECT_EQ(round("0 0 0", spoil), outcome) << spoil;
     std::map<std::string, std::map<std::string, int>> table;
     for (long k = 1, e = 0; k <= points; e = (e + 1) % 6, k += !e || !all) {
         const int err = e < 2 ? EIO : e < 4 ? EACCES : ENOSPC;

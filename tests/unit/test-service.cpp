@@ -1,0 +1,139 @@
+// The upgrade service: the install root, the upgrade decision, stopping the client through its
+// pid file, and the predecessor's folders. The copy with its backups and roll-back is proved
+// under faults by tests/integration/upgrade-faults; the client's start by the end-to-end tests.
+
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "lib/desktop/ui-path-manager.h"
+#include "service/linux/linux-service.h"
+#include "tests/support/test-support.h"
+
+namespace fs = std::filesystem;
+using namespace testsupport;
+
+class ServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setenv("HOME", home.c_str(), 1);
+        unsetenv("XDG_CURRENT_DESKTOP");
+        FillQuarnPathTable(&Service::GetUserInstallPath, QString::fromStdString(root + "/bin"));
+    }
+
+    TempDir base;
+    const std::string home = base / "home", root = base / "opt", quarn = home + "/.CorvaneQuarn",
+                      app = quarn + "/CorvaneQuarn.app";
+};
+
+// The Deepin desktop, exactly so named, with a data folder set: that folder; else the home.
+TEST_F(ServiceTest, InstallRootIsHomeUnlessExactlyDeepinWithDataHome) {
+    const char* cases[][2] = {{"deepin", "/d"},
+                              {"Deepin:GNOME", "/d"},
+                              {"Deepin", ""},
+                              {"GNOME", "/d"},
+                              {"Deepin", "/d"}};
+    for (const auto& [desktop, data] : cases) {
+        setenv("XDG_CURRENT_DESKTOP", desktop, 1), setenv("XDG_DATA_HOME", data, 1);
+        EXPECT_EQ(Service::GetUserInstallPath().toStdString(),
+                  !strcmp(desktop, "Deepin") && *data ? data : home);
+    }
+}
+
+TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
+    const struct {
+        const char *source, *target;  // "": no INFO file
+        bool ui, upgrade;
+    } cases[] = {{"120", "121", 1, 1}, {"121", "121", 1, 0},   {"121", "121", 0, 1},
+                 {"121", "120", 1, 0}, {"120x", "121y", 1, 1}, {"", "1", 1, 1},
+                 {"3", "", 1, 0}};
+    for (const auto& c : cases) {
+        RemoveTree(home), fs::remove(root + "/INFO");
+        for (auto [path, build] : {std::pair(app + "/INFO", c.source), {root + "/INFO", c.target}})
+            ASSERT_TRUE(!*build ||
+                        WriteFile(path, "[Version]\nbuild_version=" + std::string(build)));
+        ASSERT_TRUE(WriteFile(app + (c.ui ? "/bin/cloud-quarn-ui" : "/bin/other"), ""));
+        LinuxService service;
+        service.PreUpgrade();
+        EXPECT_EQ(service.IsNeedUpgrade(), c.upgrade) << c.source << " " << c.target << c.ui;
+    }
+}
+
+// Stops as an ordinary user leading its own process group, beside a member of it that handles
+// SIGTERM as told (held until it has done so); a line with '=' is the pid file, %lld the
+// member's pid ("self": the stopper's pid; "+2^32", "-2^32": the member's pid plus or minus
+// 2^32). Then SIGUSR2 ends the member if it still runs. Returns how it ended: the signal, or
+// 64 + its exit code; plus 100 when the stop took the five one-second passes.
+static int Stop(const std::string& pid_file, const std::string& line, void (*handle)()) {
+    setpgid(0, 0);
+    sigset_t term;
+    sigemptyset(&term), sigaddset(&term, SIGTERM);
+    sigprocmask(SIG_BLOCK, &term, nullptr);
+    const pid_t member = fork();
+    if (member == 0)
+        for (prctl(PR_SET_PDEATHSIG, SIGKILL), handle(), sigprocmask(SIG_UNBLOCK, &term, nullptr);;)
+            pause();
+    sigprocmask(SIG_UNBLOCK, &term, nullptr);
+    const long long offset = line == "+2^32" ? 1LL << 32 : line == "-2^32" ? -(1LL << 32) : 0;
+    char text[64];
+    snprintf(text, sizeof text, offset || line == "self" ? "pid=%lld" : line.c_str(),
+             line == "self" ? getpid() : member + offset);
+    if (strchr(text, '=') && !WriteFile(pid_file, text))
+        return 3;
+    std::atomic<int> status{-1};  // reaped as soon as it ends, for the stop's probes
+    std::thread reaper([&] {
+        int ended;
+        waitpid(member, &ended, 0), status = ended;
+    });
+    alarm(20);  // a stop that blocks
+    const time_t start = time(nullptr);
+    LinuxService().StopService();
+    const int waited = time(nullptr) - start >= 5 ? 100 : 0;
+    kill(member, SIGUSR2);
+    reaper.join();
+    return waited + (WIFSIGNALED(status) ? WTERMSIG(status) : 64 + WEXITSTATUS(status));
+}
+
+// Missing, malformed, unreadable, a FIFO, pids 0, -0 or negative (a whole group), out of a
+// pid's range (cut to 32 bits they name the member), the launcher's own: nothing signalled. A
+// client is stopped at once, waited for while it ends, killed only when it ignores SIGTERM.
+TEST_F(ServiceTest, StopSignalsOnlyTheClientAndKillsOnlyOneThatIgnoresSigterm) {
+    const std::string pid_file = quarn + "/ui.pid";
+    ASSERT_TRUE(MakeDirs(quarn) && chown(quarn.c_str(), 65534, 65534) == 0);
+    ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
+    const auto stop = [&](const std::string& line, void (*handle)()) {
+        fs::remove(pid_file);
+        EXPECT_TRUE(line != "root" ||
+                    (WriteFile(pid_file, "pid=1") && !chmod(pid_file.c_str(), 0600)));
+        EXPECT_TRUE(line != "fifo" || mkfifo(pid_file.c_str(), 0666) == 0);
+        return RunAsUnprivileged([&] { return Stop(pid_file, line, handle); });
+    };
+    for (const std::string line :
+         {"", "fifo", "root", "x y=%lld", "pid=0", "pid=-0", "pid=abc", "pid=''", "other=%lld",
+          "pid=-1", "pid= -2", "self", "+2^32", "-2^32"})
+        EXPECT_EQ(stop(line, [] {}), SIGUSR2) << line;
+    EXPECT_EQ(stop("# by the client\npid = \"%lld\"  # running\n", [] {}), SIGTERM);
+    EXPECT_EQ(stop("pid=%lld", [] { signal(SIGTERM, [](int) { usleep(1500 * 1000), _exit(7); }); }),
+              64 + 7);
+    EXPECT_EQ(stop("pid='%lld'", [] { signal(SIGTERM, SIG_IGN); }), 100 + SIGKILL);
+}
+
+TEST_F(ServiceTest, MigrationMovesDataAndAlwaysRemovesTheOldFolderAgedAppEveryRun) {
+    const std::string nimbrel = home + "/.Nimbrel";
+    LinuxService service;
+    for (const char* file : {"/data/db/sync.db", "/app/bin", "/data/old.db"}) {
+        ASSERT_TRUE(WriteFile(nimbrel + file, file));  // the last one meets data already moved
+        service.MigrateService();
+        EXPECT_FALSE(fs::exists(nimbrel)) << file << ": the old folder stays";
+    }
+    EXPECT_EQ(ReadFile(quarn + "/data/db/sync.db"), "/data/db/sync.db");
+    ASSERT_TRUE(WriteFile(nimbrel + "/app/bin/old-ui", "x") && WriteFile(nimbrel + "/data/k", "x"));
+    service.RemoveAgedFolders();
+    EXPECT_FALSE(fs::exists(nimbrel + "/app"));
+    EXPECT_TRUE(fs::exists(nimbrel + "/data/k"));
+}
