@@ -47,16 +47,18 @@ TEST_F(ServiceTest, InstallRootIsHomeUnlessExactlyDeepinWithDataHome) {
 
 TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
     const struct {
-        const char *source, *target;  // "": no INFO file
+        const char *source, *target;  // "": no INFO file; "fifo": a FIFO in its place
         bool ui, upgrade;
     } cases[] = {{"120", "121", 1, 1}, {"121", "121", 1, 0},   {"121", "121", 0, 1},
                  {"121", "120", 1, 0}, {"120x", "121y", 1, 1}, {"", "1", 1, 1},
-                 {"3", "", 1, 0}};
+                 {"3", "", 1, 0},      {"fifo", "121", 1, 1}};
     for (const auto& c : cases) {
-        RemoveTree(home), fs::remove(root + "/INFO");
+        RemoveTree(home), fs::remove(root + "/INFO"), fs::create_directories(app);
         for (auto [path, build] : {std::pair(app + "/INFO", c.source), {root + "/INFO", c.target}})
             ASSERT_TRUE(!*build ||
-                        WriteFile(path, "[Version]\nbuild_version=" + std::string(build)));
+                        (!strcmp(build, "fifo")
+                             ? mkfifo(path.c_str(), 0600) == 0
+                             : WriteFile(path, "[Version]\nbuild_version=" + std::string(build))));
         ASSERT_TRUE(WriteFile(app + (c.ui ? "/bin/cloud-quarn-ui" : "/bin/other"), ""));
         LinuxService service;
         service.PreUpgrade();
