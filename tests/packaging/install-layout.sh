@@ -2,6 +2,7 @@
 # `cmake --install` lays out the root and writes an autostart entry that names the installed
 # launcher, for a prefix given at install time and for one given at configure time; with a
 # client payload the client's files join the root.
+# The payload build uses the generator of this build: a fresh machine may have no make.
 set -euo pipefail
 work=$(mktemp -d) && trap 'rm -rf "$work"' EXIT
 fail() { printf '%s\n' "$@" >&2; exit 1; }
@@ -19,7 +20,9 @@ check "$work/stage" /usr/local/quarn \
 "$SOURCE_DIR/scripts/make-sample-install" "$work/payload" 121
 cmake -S "$SOURCE_DIR" -B "$work/build" -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/srv/quarn \
     -DLAUNCHER_CLIENT_PAYLOAD="$work/payload" >/dev/null
-for part in client autostart; do DESTDIR=$work/client cmake --install "$work/build" --component $part >/dev/null; done
+for part in client autostart; do
+    DESTDIR=$work/client cmake --install "$work/build" --component $part >/dev/null
+done
 check "$work/client" /srv/quarn "./INFO ./images/ico_72_nimbrel.png ./package/nimbrel.vbx \
 ./package/nimbrel/INFO ./package/nimbrel/bin/cloud-quarn-ui ./package/nimbrel/package/start-stop \
 ./package/nimbrel/share/doc/README"
