@@ -101,6 +101,20 @@ struct CopyProgress {
     int shown = -1;  // the percentage last reported
 };
 
+// The next entry of a folder's listing but "." and "..": its name and whether it is a folder.
+// False at the end of the listing (also when reading it fails).
+bool NextEntry(DIR_HANDLE& handle, const std::string& folder, std::string& name, bool& is_folder) {
+    DIR_ENTRY entry;
+    while (FSReadDir(handle, entry) > 0) {
+        if (!IsDotEntry(entry.name)) {
+            name = entry.name;
+            is_folder = EntryType(folder + "/" + name, entry) == FS_TYPE_FOLDER;
+            return true;
+        }
+    }
+    return false;
+}
+
 // The files (every entry but folders) a copy of the folder will write. One listing pass with
 // no reading of file data, so it costs little beside the copy itself.
 int CountFiles(const std::string& path) {
@@ -109,13 +123,10 @@ int CountFiles(const std::string& path) {
         return 0;
     }
     int files = 0;
-    DIR_ENTRY entry;
-    while (FSReadDir(handle, entry) > 0) {
-        if (IsDotEntry(entry.name)) {
-            continue;
-        }
-        const std::string s = path + "/" + entry.name;
-        files += EntryType(s, entry) == FS_TYPE_FOLDER ? CountFiles(s) : 1;
+    std::string name;
+    bool folder = false;
+    while (NextEntry(handle, path, name, folder)) {
+        files += folder ? CountFiles(path + "/" + name) : 1;
     }
     FSCloseDir(handle);
     return files;
@@ -166,14 +177,11 @@ int CopyPath(const std::string& source, const std::string& dest, CopyProgress* p
         return 0;
     }
     int result = 0;
-    DIR_ENTRY entry;
-    while (FSReadDir(handle, entry) > 0) {
-        if (IsDotEntry(entry.name)) {
-            continue;
-        }
-        const std::string s = source + "/" + entry.name;
-        const std::string d = dest + "/" + entry.name;
-        const bool folder = EntryType(s, entry) == FS_TYPE_FOLDER;
+    std::string name;
+    bool folder = false;
+    while (NextEntry(handle, source, name, folder)) {
+        const std::string s = source + "/" + name;
+        const std::string d = dest + "/" + name;
         const int rc = folder ? CopyPath(s, d, progress) : FSCopy(s, d, false, true);
         if (rc < 0) {
             LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
