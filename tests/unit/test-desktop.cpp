@@ -1,53 +1,10 @@
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "lib/desktop/dpi-info.h"
-#include "lib/desktop/single-application.h"
 #include "lib/desktop/vesk-locale.h"
 #include "tests/support/test-support.h"
 
 struct DPIinfoTestAccess {
     static void Force(double factor) { DPIinfo::getInstance()->forced_factor = factor; }
 };
-
-// Builds the application object as the launcher does: 1 when another launcher runs. Given a
-// pipe, it starts a client as the start script would, reports on the pipe and holds the lock
-// until it is killed, so that no clean-up runs.
-static int SeesAnotherLauncher(int pipe = -1) {
-    static char name[] = "cloud-quarn-launcher", *argv[] = {name, nullptr};
-    int argc = 1;
-    QtSingleApplication app(argc, argv, true);
-    const char seen = app.isRunning() ? '1' : '0';
-    if (pipe >= 0 && fork() == 0)
-        execl("/bin/sh", "sh", "-c", "sleep 3", static_cast<char*>(nullptr));
-    if (pipe >= 0 && write(pipe, &seen, 1) == 1)
-        pause();
-    return seen - '0';
-}
-
-TEST(SingleInstance, SecondStartSeesTheFirstUntilItEnds) {
-    testsupport::TempDir runtime, home;
-    setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
-    int ready[2];
-    ASSERT_EQ(0, pipe(ready));
-    const pid_t first = fork();
-    if (first == 0)
-        _exit(SeesAnotherLauncher(ready[1]));
-    char seen = '?';
-    EXPECT_TRUE(read(ready[0], &seen, 1) == 1 && seen == '0');
-    EXPECT_EQ(1, testsupport::RunInChild([] { return SeesAnotherLauncher(); }));
-    // Without a runtime folder the lock lives in the home folder's cache, a lock of its own.
-    EXPECT_EQ(0, testsupport::RunInChild([&home] {
-                  unsetenv("XDG_RUNTIME_DIR");
-                  setenv("HOME", home.path().c_str(), 1);
-                  return SeesAnotherLauncher() || access((home / ".cache").c_str(), F_OK);
-              }));
-    // Killed, the holder leaves no stale lock, and the client it started does not keep it.
-    kill(first, SIGKILL);
-    waitpid(first, nullptr, 0);
-    EXPECT_EQ(0, testsupport::RunInChild([] { return SeesAnotherLauncher(); }));
-}
 
 // Locale names map to the translated languages, read in the C library's order: LANGUAGE, then
 // LC_ALL, LC_MESSAGES, LANG.
