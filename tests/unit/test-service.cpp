@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "lib/desktop/ui-path-manager.h"
+#include "log/log.h"
 #include "service/linux/linux-service.h"
 #include "tests/support/test-support.h"
 
@@ -127,6 +128,7 @@ TEST_F(ServiceTest, StopSignalsOnlyTheClientAndKillsOnlyOneThatIgnoresSigterm) {
 
 TEST_F(ServiceTest, MigrationMovesDataAndAlwaysRemovesTheOldFolderAgedAppEveryRun) {
     const std::string nimbrel = home + "/.Nimbrel";
+    ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, base / "log", "", 50, Logger::SCOPE_THREAD));
     LinuxService service;
     for (const char* file : {"/data/db/sync.db", "/app/bin", "/data/old.db"}) {
         ASSERT_TRUE(WriteFile(nimbrel + file, file));  // the last one meets data already moved
@@ -138,4 +140,6 @@ TEST_F(ServiceTest, MigrationMovesDataAndAlwaysRemovesTheOldFolderAgedAppEveryRu
     service.RemoveAgedFolders();
     EXPECT_FALSE(fs::exists(nimbrel + "/app"));
     EXPECT_TRUE(fs::exists(nimbrel + "/data/k"));
+    Logger::Destroy();
+    EXPECT_EQ(ReadFile(base / "log").find("Failed to remove old"), std::string::npos);
 }
