@@ -91,38 +91,3 @@ TEST(Logger, LinesAndComponentLevels) {
     EXPECT_EQ(Lines{"3 " + Prefix("DEBUG", 99) + "debug 7\n"}, syslog_calls);
     Logger::Destroy();
 }
-
-// Each line goes to a live file opened at `size`. A line that brings the count (its time stamp
-// included) to exactly 5 MiB stays; one more character moves the file, that line included, to
-// path_0. The slot numbered count-1 never survives a rotation, so count-1 files are kept.
-TEST(Logger, Rotation) {
-    const struct {
-        int size, length, count, lines, kept;
-        Logger::SafetyScope scope;
-    } cases[] = {{5242780, 80, 50, 1, 0, Logger::SCOPE_THREAD},
-                 {5242780, 81, 50, 1, 1, Logger::SCOPE_THREAD},
-                 {5242880, 3, 50, 60, 49, Logger::SCOPE_THREAD},
-                 {5242880, 3, 3, 5, 2, Logger::SCOPE_PROCESS},
-                 {5242880, 3, 1, 3, 1, Logger::SCOPE_NONE}};
-    for (const auto& c : cases) {
-        testsupport::TempDir dir;
-        const std::string path = dir / "l";
-        for (int i = 0; i < c.lines; ++i) {
-            testsupport::WriteFile(path, "");
-            ASSERT_EQ(0, truncate(path.c_str(), c.size));
-            ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, path, "", c.count, c.scope));
-            Logger::LogMsg(Logger::ERROR, "rot", "%0*d", c.length, i);
-            Logger::Destroy();
-        }
-        for (int i = -1; i <= c.count; ++i) {  // the live file, then path_0, path_1, ...
-            const std::string text =
-                testsupport::ReadFile(i < 0 ? path : path + "_" + std::to_string(i));
-            char line[128] = "";
-            if (i < 0 ? c.kept == 0 : i < c.kept)
-                snprintf(line, sizeof(line), "%0*d", c.length, c.lines - 1 - std::max(i, 0));
-            const size_t size = line[0] ? c.size + 20 + c.length : 0;
-            EXPECT_EQ(size, text.size()) << c.count << " " << i;
-            EXPECT_EQ(line, text.substr(size - strlen(line))) << c.count << " " << i;
-        }
-    }
-}
