@@ -1,19 +1,45 @@
 // Helpers shared by the tests; the headers most tests need come with them.
 #pragma once
 
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace testsupport {
 
+namespace fs = std::filesystem;
+
+// Also clears what a test made read-only or unsearchable.
+inline void RemoveTree(const std::string& path) {
+    std::error_code ec;
+    chmod(path.c_str(), 0755);
+    for (fs::recursive_directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec)) {
+        if (it->is_directory(ec) && !it->is_symlink(ec))
+            chmod(it->path().c_str(), 0755);
+    }
+    fs::remove_all(path, ec);
+}
+
 // A fresh folder under base, removed with everything in it when the object goes.
 class TempDir {
 public:
-    explicit TempDir(const std::string& base = "/tmp");
-    ~TempDir();
+    explicit TempDir(const std::string& base = "/tmp") : path_(base + "/lq-test-XXXXXX") {
+        path_ = mkdtemp(path_.data()) ? path_ : "";
+    }
+    ~TempDir() {
+        if (!path_.empty())
+            RemoveTree(path_);
+    }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
@@ -23,17 +49,41 @@ private:
     std::string path_;
 };
 
-// Whole files; WriteFile makes missing parent folders. RemoveTree also clears what a test
-// made read-only or unsearchable.
-bool WriteFile(const std::string& path, const std::string& contents);
-std::string ReadFile(const std::string& path);
-bool MakeDirs(const std::string& path);
-void RemoveTree(const std::string& path);
+inline bool MakeDirs(const std::string& path) {
+    std::error_code ec;
+    fs::create_directories(path, ec);
+    return !ec;
+}
+
+// Whole files; missing parent folders are made.
+inline bool WriteFile(const std::string& path, const std::string& contents) {
+    MakeDirs(fs::path(path).parent_path());
+    return static_cast<bool>(std::ofstream(path, std::ios::binary) << contents);
+}
+
+inline std::string ReadFile(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
 
 // Runs fn in a forked child and returns its result as the child's exit status (0..255), or -1
-// when the child did not start or exit. RunAsUnprivileged's child first drops to user and group
-// 65534 (254 when it cannot): the suite runs as root, and permission failures must be tested.
-int RunInChild(const std::function<int()>& fn);
-int RunAsUnprivileged(const std::function<int()>& fn);
+// when the child did not start or exit.
+inline int RunInChild(const std::function<int()>& fn) {
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(fn() & 0xff);
+    int status = -1;  // no exit status, should waitpid fail
+    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The child first drops to user and group 65534 (254 when it cannot): the suite runs as root,
+// and permission failures must be tested.
+inline int RunAsUnprivileged(const std::function<int()>& fn) {
+    return RunInChild(
+        [&fn] { return setgroups(0, nullptr) || setgid(65534) || setuid(65534) ? 254 : fn(); });
+}
 
 }  // namespace testsupport

@@ -199,6 +199,7 @@ TEST_F(FileOpTest, TheRestOfTheLayer) {
                             {FSCreateTempPath(dir.path(), name), 0},
                             {FSFsync(none), 1},
                             {FSFsync(temp), 0},
+                            {FSSyncFs(none), -1},
                             {FSCreateSymbolicLink(std::string(4095, 'x'), link), 0},
                             {FSReadSymbolicLink(link, target), 0},
                             {FSReadSymbolicLink(temp, target), -1},
@@ -213,9 +214,11 @@ TEST_F(FileOpTest, TheRestOfTheLayer) {
                             {isFileLocked(none, R_OK), 0},
                             {hasFilePermission(temp, R_OK), 1},
                             {isMountPoint(dir.path()), 0},
+                            {isMountPoint(none), 0},
                             {IsMSDOS(dir.path()), 0}};
     for (size_t i = 0; i < std::size(rows); ++i)
         EXPECT_EQ(rows[i][1], rows[i][0]) << "row " << i;
+    EXPECT_NE(ReadFile(dir / "log").find("(880): isMountPoint: Failed to get"), std::string::npos);
     const std::string texts[][2] = {{real, dir / "real"},
                                     {missing, none + "/.."},
                                     {target, std::string(4095, 'x')},

@@ -51,6 +51,10 @@ TEST(Logger, LinesAndComponentLevels) {
     const std::string path = dir / "launcher.log", levels = dir / "launcher.debug";
     ASSERT_TRUE(testsupport::WriteFile(
         levels, "c7=7\nc5 = \"5\"\nc_abc=abc\nc3=3 # errors\nc6x=6x\ndefault_component=7\n"));
+    const auto open_files = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto files_before = open_files();
     ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, path, levels, 50, Logger::SCOPE_THREAD));
     LOG_AT(ERROR, "c7", 1234, "%s\n", "e");
     const int here = __LINE__ + 1;
@@ -80,8 +84,10 @@ TEST(Logger, LinesAndComponentLevels) {
                                      "100% literal\n", "bare"});
     EXPECT_EQ(expected, Unstamped(testsupport::ReadFile(path)));
 
-    // Stopped, the logger writes nowhere; syslog takes every line at one priority.
+    // Stopped, the logger writes nowhere and holds no file; syslog takes every line at one
+    // priority.
     Logger::Destroy();
+    EXPECT_EQ(files_before, open_files());
     Logger::LogMsg(Logger::ERROR, "c3", "after\n");
     EXPECT_FALSE(Logger::IsNeedToLog(Logger::ERROR, "c3"));
     EXPECT_EQ(expected, Unstamped(testsupport::ReadFile(path)));
