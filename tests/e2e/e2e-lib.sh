@@ -23,7 +23,7 @@ make_user_copy() {  # build: the user's copy, from a sample package of that buil
 }
 setup() { make_root && make_user_copy "$1"; }
 user_build() { sed -n 's/^build_version=//p' "$APP_DIR/INFO" 2>/dev/null; }
-count() { grep -c -F -- "$1" "$LOG" || :; }  # log lines holding the text
+count() { grep -s -c -F -- "$1" "$LOG" || :; }  # log lines holding the text
 clients() { processes_naming "$APP_DIR/bin/cloud-quarn-ui"; }  # the copy's client processes
 client_env() { tr '\0' '\n' <"/proc/$1/environ"; }
 no_backup() { ! compgen -G "${APP_DIR}_tmp*" >/dev/null || fail "backup left"; }

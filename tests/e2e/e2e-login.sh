@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Logins on an older copy whose client runs. The first replaces the copy, stops the old client
+# and starts one new one, without the launcher's own GL setting. The next finds the copy at the
+# package's build: it never loads the archive library, starts no second client, and its seven
+# ">>>" lines show only the first character of each path ("/" for a set key, nothing for an
+# unset one). With the client stopped, a login starts it with the user's own GL setting.
+. "$(dirname "$0")/e2e-lib.sh"
+setup 120
+"$APP_DIR/package/start-stop" start
+old=$(wait_for_client) || fail "the old client did not start"
+login
+[[ "$(user_build)" == "$PKG_BUILD" ]] || fail "user copy is build '$(user_build)'"
+new=$(wait_for_client "$old") || fail "the new client did not start"
+! client_env "$new" | grep -q ^QT_XCB_GL_INTEGRATION= || fail "the client got the GL setting"
+login LD_DEBUG=files LD_DEBUG_OUTPUT="$WORK/ld" && sleep 0.5 # time for a second client to show
+[[ $(clients) == "$new" ]] || fail "not one client runs: $(clients | xargs)"
+grep -q file=libQt5Core "$WORK"/ld.* && ! grep -q file=libarchive "$WORK"/ld.* ||
+    fail "the archive library was loaded (or no record of the libraries)"
+shown=$(sed -n 's/.* \[INFO\] main\.cpp(\(1[01][0-9]\)): >>> [a-z_]* = /\1/p' "$LOG" | tail -7 | xargs)
+[[ "$shown" == "106/ 107 108/ 109 110 111 112/" ]] || fail "the >>> lines show: $shown"
+"$APP_DIR/package/start-stop" stop && wait_until "the client to stop" eval '[[ -z $(clients) ]]'
+login QT_XCB_GL_INTEGRATION=xcb_egl
+client_env "$(wait_for_client)" | grep -q -x QT_XCB_GL_INTEGRATION=xcb_egl ||
+    fail "the user's GL setting lost"
