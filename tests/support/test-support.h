@@ -67,23 +67,17 @@ inline std::string ReadFile(const std::string& path) {
     return text.str();
 }
 
-// Runs fn in a forked child and returns its result as the child's exit status (0..255), or -1
-// when the child did not start or exit.
-inline int RunInChild(const std::function<int()>& fn) {
+// Runs fn in a forked child that first drops to user and group 65534 (254 when it cannot): the
+// suite runs as root, and permission failures must be tested. Returns fn's result as the
+// child's exit status (0..255), or -1 when the child did not start or exit.
+inline int RunAsUnprivileged(const std::function<int()>& fn) {
     const pid_t pid = fork();
     if (pid == 0)
-        _exit(fn() & 0xff);
+        _exit((setgroups(0, nullptr) || setgid(65534) || setuid(65534) ? 254 : fn()) & 0xff);
     int status = -1;  // no exit status, should waitpid fail
     while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// The child first drops to user and group 65534 (254 when it cannot): the suite runs as root,
-// and permission failures must be tested.
-inline int RunAsUnprivileged(const std::function<int()>& fn) {
-    return RunInChild(
-        [&fn] { return setgroups(0, nullptr) || setgid(65534) || setuid(65534) ? 254 : fn(); });
 }
 
 }  // namespace testsupport
