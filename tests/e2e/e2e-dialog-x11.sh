@@ -18,7 +18,8 @@ EXTRA_PIDS+=($!) # up before the dialog maps, or it may manage it unmapped
 wait_until "openbox to start" eval '[[ $(xprop -root _OB_THEME) == *=* ]]'
 printf '#!/bin/sh\necho $$ >"$0.pid"\nkill -STOP $$\nexec "$@"\n' >"$WORK/paused"
 chmod 755 "$WORK/paused" && run_launcher "$WORK/paused" & launcher=$!
-paused() { [[ $(ps -o stat= -p "$(cat "$WORK/paused.pid" 2>/dev/null)") == T* ]]; }
+paused() { local p; p=$(cat "$WORK/paused.pid" 2>/dev/null) &&
+    [[ $(awk '{ print $3 }' "/proc/$p/stat" 2>/dev/null) == T ]]; }
 wait_until "the launcher to pause before it starts" paused
 pid=$(<"$WORK/paused.pid")
 run_slice() { kill -CONT "$pid" && sleep 0.1 && kill -STOP "$pid"; }
