@@ -6,7 +6,8 @@
 login() { # the text of the one WARNING line this login must write; "" for none
     rm -f "$LOG" && { run_launcher || fail "exit code $?"; }
     local want=$((${#1} > 0))
-    [[ $(count "[WARNING]") -eq $want && $(count "${1:-[WARNING]}") -eq $want ]] || fail "not one '$1'"
+    [[ $(count "[WARNING]") -eq $want && $(count "${1:-[WARNING]}") -eq $want ]] ||
+        fail "not one '$1'"
 }
 cannot_run() { echo "cannot run the client's start script: '$APP_DIR/package/start-stop start'"; }
 make_root && rm "$ROOT/log/launcher.debug" && make_user_copy "$PKG_BUILD"

@@ -16,7 +16,8 @@ login LD_DEBUG=files LD_DEBUG_OUTPUT="$WORK/ld" && sleep 0.5 # time for a second
 [[ $(clients) == "$new" ]] || fail "not one client runs: $(clients | xargs)"
 grep -q file=libQt5Core "$WORK"/ld.* && ! grep -q file=libarchive "$WORK"/ld.* ||
     fail "the archive library was loaded (or no record of the libraries)"
-shown=$(sed -n 's/.* \[INFO\] main\.cpp(\(1[01][0-9]\)): >>> [a-z_]* = /\1/p' "$LOG" | tail -7 | xargs)
+shown=$(sed -n 's/.* \[INFO\] main\.cpp(\(1[01][0-9]\)): >>> [a-z_]* = /\1/p' "$LOG" |
+    tail -7 | xargs) # the second login's
 [[ "$shown" == "106/ 107 108/ 109 110 111 112/" ]] || fail "the >>> lines show: $shown"
 "$APP_DIR/package/start-stop" stop && wait_until "the client to stop" eval '[[ -z $(clients) ]]'
 login QT_XCB_GL_INTEGRATION=xcb_egl
