@@ -104,15 +104,16 @@ TEST(Logger, LinesAndComponentLevels) {
     Logger::Destroy();
 }
 
-// Eight writers through one file logger, keeping 4 - 1 rotated files, enough to rotate a few
-// times: each writer's lines that are kept arrive whole, once and in order, its last one
-// included; a file moves aside with the line that takes it past 5 MiB, time stamps counted.
+// Eight writers through one file logger, enough to rotate a few times: every line arrives
+// whole, once and in its writer's order, across the rotated files; a file moves aside with the
+// line that takes it past 5 MiB, time stamps counted. With a count of 3, only path_0 and path_1
+// survive rotations.
 TEST(LoggerThreads, EveryLineOnceAndWholeAcrossRotations) {
-    constexpr int kThreads = 8, kLines = 50000, kKept = 3;
+    constexpr int kThreads = 8, kLines = 50000;
     testsupport::TempDir dir;
-    const std::string path = dir / "launcher.log";
-    ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, path, "", kKept + 1, Logger::SCOPE_THREAD));
-    std::vector<int> ids(kThreads), next(kThreads, -1);
+    const std::string path = dir / "launcher.log", small = dir / "small.log";
+    ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, path, "", 50, Logger::SCOPE_THREAD));
+    std::vector<int> ids(kThreads), next(kThreads, 0);
     std::vector<std::thread> writers;
     for (int w = 0; w < kThreads; ++w) {
         writers.emplace_back([w, &ids] {
@@ -124,19 +125,18 @@ TEST(LoggerThreads, EveryLineOnceAndWholeAcrossRotations) {
     for (auto& t : writers)
         t.join();
     Logger::Destroy();
-    for (int i = kKept; i >= -1; --i) {  // oldest rotated file first, the live file last
+    for (int i = 49; i >= -1; --i) {  // oldest rotated file first, the live file last
         const std::string name = i < 0 ? path : path + "_" + std::to_string(i);
         struct stat st;
-        const bool rotated = i >= 0 && i < kKept;
-        EXPECT_EQ(i < kKept, stat(name.c_str(), &st) == 0) << name;
-        EXPECT_TRUE(!rotated || (st.st_size > 5242880 && st.st_size < 5242880 + 128)) << name;
+        EXPECT_TRUE(i < 0 || stat(name.c_str(), &st) != 0 ||
+                    (st.st_size > 5242880 && st.st_size < 5242880 + 128))
+            << name;
         std::ifstream in(name);
         for (std::string line; std::getline(in, line);) {
             int w = 0, n = 0;
             ASSERT_EQ(2,
                       sscanf(line.c_str(), "%*s (%*d:%*d) [ERROR] %*s writer %d line %d", &w, &n));
-            ASSERT_TRUE(w >= 0 && w < kThreads && (next[w] < 0 || n == next[w])) << line;
-            next[w] = n + 1;
+            ASSERT_TRUE(w >= 0 && w < kThreads && n == next[w]++) << line;
             char whole[160];
             snprintf(whole, sizeof(whole), "%swriter %d line %d %032d",
                      Prefix("ERROR", 321, ids[w]).c_str(), w, n, 0);
@@ -144,4 +144,12 @@ TEST(LoggerThreads, EveryLineOnceAndWholeAcrossRotations) {
         }
     }
     EXPECT_EQ(std::vector<int>(kThreads, kLines), next);
+    EXPECT_EQ(0, access((path + "_2").c_str(), F_OK)) << "the run should rotate a few times";
+    for (int i = 0; i < 4; ++i) {  // a file at the limit: the next line moves it aside
+        ASSERT_TRUE(testsupport::WriteFile(small, "") && truncate(small.c_str(), 5242880) == 0);
+        ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, small, "", 3, Logger::SCOPE_NONE));
+        LOG_AT(ERROR, "rotation", 1, "%d\n", i);
+        Logger::Destroy();
+    }
+    EXPECT_TRUE(access((small + "_1").c_str(), F_OK) == 0 && access((small + "_2").c_str(), F_OK));
 }
