@@ -1,9 +1,7 @@
 #!/usr/bin/env bash
-# The dialog under openbox in a real X server (xvfb-run, 96 DPI): screenshots a second apart
-# during the copy differ in the bar; the window "Corvane Quarn Client" is fixed at 400 pixels;
-# its hints ask for a title without minimise or maximise (openbox then offers no maximise);
-# closing it (Alt+F4) stops nothing. The launcher runs in slices of 0.1 s until the bar has
-# moved, so the copy spans the screenshots on a machine of any speed.
+# The dialog under openbox in X (96 DPI): the bar moves between screenshots a second apart, run
+# in slices of 0.1 s so the copy spans them on any machine; 400 pixels wide; no minimise or
+# maximise asked for (openbox then offers no maximise); Alt+F4 stops nothing.
 . "$(dirname "$0")/e2e-lib.sh"
 QPA=xcb SHOTS=${ARTIFACT_DIR:-$WORK}/dialog-openbox
 make_root && rm -rf "$SHOTS" && mkdir -p "$SHOTS" "$ROOT/package/nimbrel/share/many"
@@ -13,8 +11,7 @@ make_user_copy 120
 APP_DIR=$ROOT/package/nimbrel slow_start_script 5 # keeps the dialog up after the copy
 openbox --sm-disable >/dev/null 2>&1 &
 EXTRA_PIDS+=($!) # up before the dialog maps, or it may manage it unmapped
-# Up when its theme is loaded, its last step before it serves requests: a window mapped earlier
-# may never be managed, nor shown.
+# Its theme is its last step before it serves: a window mapped earlier may never be shown.
 wait_until "openbox to start" eval '[[ $(xprop -root _OB_THEME) == *=* ]]'
 printf '#!/bin/sh\necho $$ >"$0.pid"\nkill -STOP $$\nexec "$@"\n' >"$WORK/paused"
 chmod 755 "$WORK/paused" && run_launcher "$WORK/paused" & launcher=$!
@@ -23,11 +20,7 @@ paused() { local p; p=$(cat "$WORK/paused.pid" 2>/dev/null) &&
 wait_until "the launcher to pause before it starts" paused
 pid=$(<"$WORK/paused.pid")
 run_slice() { kill -CONT "$pid" && sleep 0.1 && kill -STOP "$pid"; }
-viewable() { # the first window so titled that is on screen
-    for w in $(xwininfo -root -tree | awk '/"Corvane Quarn Client": \(/ { print $1 }'); do
-        [[ $(xwininfo -id "$w") == *IsViewable* ]] && echo "$w" && return
-    done
-}
+viewable() { xdotool search --onlyvisible --name '^Corvane Quarn Client$' | head -1; }
 for i in $(seq 600); do # a minute of the launcher's time: the machine may be busy
     run_slice && win=$(viewable) && [[ -n "$win" ]] && break
 done

@@ -26,7 +26,6 @@ user_build() { sed -n 's/^build_version=//p' "$APP_DIR/INFO" 2>/dev/null; }
 count() { grep -s -c -F -- "$1" "$LOG" || :; }  # log lines holding the text
 clients() { processes_naming "$APP_DIR/bin/cloud-quarn-ui"; }  # the copy's client processes
 client_env() { tr '\0' '\n' <"/proc/$1/environ"; }
-no_backup() { ! compgen -G "${APP_DIR}_tmp*" >/dev/null || fail "backup left"; }
 # The launcher as the desktop starts it, with only what a session has in its environment
 # (and the variables given); login fails the test unless it exits 0.
 run_launcher() {

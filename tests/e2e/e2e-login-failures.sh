@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Logins at the default log levels: a login that starts the client leaves no warning; a package
-# INFO without a build, a missing start script and a home whose path holds a space each leave
-# one WARNING line that names the cause, and the launcher still exits 0.
+# At the default levels a good login leaves no warning; a package INFO without a build, a
+# missing start script and a home with a space each leave one WARNING naming it, and exit 0.
 . "$(dirname "$0")/e2e-lib.sh"
 login() { # the text of the one WARNING line this login must write; "" for none
     rm -f "$LOG" && { run_launcher || fail "exit code $?"; }

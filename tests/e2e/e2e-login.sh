@@ -1,9 +1,7 @@
 #!/usr/bin/env bash
-# Logins on an older copy whose client runs. The first replaces the copy, stops the old client
-# and starts one new one, without the launcher's own GL setting. The next finds the copy at the
-# package's build: it never loads the archive library, starts no second client, and its seven
-# ">>>" lines show only the first character of each path ("/" for a set key, nothing for an
-# unset one). With the client stopped, a login starts it with the user's own GL setting.
+# An upgrade replaces the old copy and its client, without the launcher's GL setting; the next
+# login loads no archive library, starts no second client, and its ">>>" lines show each path's
+# first character. With the client stopped, a login starts it with the user's GL setting.
 . "$(dirname "$0")/e2e-lib.sh"
 setup 120
 "$APP_DIR/package/start-stop" start

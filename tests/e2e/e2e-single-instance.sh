@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# Twenty launchers started at the same moment on an older copy: one upgrades, held at the
-# client's start; the others return 0 while it runs, each saying why. All exit 0, the copy ends
-# at the package's build and a client runs. That client does not hold the launcher's lock, nor
-# does a launcher killed mid-login.
+# Twenty launchers at once on an older copy: one upgrades, the others return 0 saying why. The
+# client does not hold the launcher's lock, nor does a launcher killed mid-login.
 . "$(dirname "$0")/e2e-lib.sh"
 setup 120
 # The copy's start script holds a launcher at the client's start until start-stop.go appears.

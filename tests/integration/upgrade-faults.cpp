@@ -1,14 +1,8 @@
-// The upgrade under injected faults, kills and spoiled packages. A round puts the old copy
-// (build 120, a data folder, a pid file) in the home, runs the worker's upgrade in a fresh
-// process with fault-shim.c failing its k-th file-system call or killing it there, then once
-// cleanly, and asserts: no hang, no crash, the data untouched, the user copy the package or
-// the old one, or one of the kept outcomes, counted. UPGRADE_FAULTS_LONG=1: every errno once
-// and lasting at every point, and 200 kills; else one of them a point, and 10 kills.
+// A round runs the upgrade of an old copy (build 120, data, pid file) in a process whose k-th
+// file-system call fails or is killed (fault-shim.c), then once cleanly: no hang, no crash, the
+// data untouched, the copy the package, the old one or a kept outcome. UPGRADE_FAULTS_LONG=1:
+// every errno once and lasting at every point, and 200 kills; else one a point, and 10 kills.
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
 #include <map>
 #include <random>
 

@@ -3,14 +3,10 @@
 # one of each, and nothing more.
 set -euo pipefail
 work=$(mktemp -d) && trap 'rm -rf "$work"' EXIT
-check=$SOURCE_DIR/scripts/check-client-package
 fail() { printf '%s\n' "$@" >&2; exit 1; }
-
-"$SOURCE_DIR/scripts/make-sample-install" "$work/root" 121
-out=$("$check" "$work/root") || fail "sample payload refused:" "$out"
-[[ $(wc -l <<<"$out") -eq 1 ]] || fail "more than a summary for the sample:" "$out"
-
-r=$work/root p=$work/root/package/nimbrel
+r=$work/root p=$work/root/package/nimbrel check=$SOURCE_DIR/scripts/check-client-package
+"$SOURCE_DIR/scripts/make-sample-install" "$r" 121
+out=$("$check" "$r") && [[ $(wc -l <<<"$out") -eq 1 ]] || fail "sample payload refused:" "$out"
 sed -i 's/^build_version=.*/build_version=abc/' "$r/INFO"
 rm "$p/INFO" "$p/bin/cloud-quarn-ui"
 chmod 644 "$p/package/start-stop" && chmod 600 "$p/share/doc/README" && mkdir -m 700 "$p/private"
@@ -23,6 +19,5 @@ expected=("$r/INFO: malformed INFO" "$p/INFO: missing INFO" "$p/package/start-st
     "$p/bin/dangling: dangling link" "$p/bin/to-file: link to a file" "$p/bin/fifo: FIFO"
     "$p/bin/device: device" "$p/bin/socket: socket")
 rc=0 && out=$("$check" "$r") || rc=$?
-[[ $rc -eq 1 ]] || fail "exit $rc for a payload with problems, not 1:" "$out"
+[[ $rc -eq 1 && $(wc -l <<<"$out") -eq ${#expected[@]} ]] || fail "exit $rc, or not one line a problem:" "$out"
 for line in "${expected[@]}"; do grep -qF "$line" <<<"$out" || fail "not named: $line" "in:" "$out"; done
-[[ $(wc -l <<<"$out") -eq ${#expected[@]} ]] || fail "lines beyond the problems made:" "$out"

@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# `cmake --install` lays out the root and writes an autostart entry that names the installed
-# launcher, for a prefix given at install time and for one given at configure time; with a
-# client payload the client's files join the root.
-# The payload build uses the generator of this build: a fresh machine may have no make.
+# `cmake --install` lays out the root, with the client's files when a payload is given, and an
+# autostart entry naming the launcher for a prefix given at install or at configure time.
 set -euo pipefail
 work=$(mktemp -d) && trap 'rm -rf "$work"' EXIT
 fail() { printf '%s\n' "$@" >&2; exit 1; }
@@ -16,7 +14,6 @@ check() {  # stage, prefix, expected files under it
 DESTDIR=$work/stage cmake --install "$BUILD_DIR" --prefix /usr/local/quarn >/dev/null
 check "$work/stage" /usr/local/quarn \
     "./bin/cloud-quarn-launcher ./images/ico_72_nimbrel.png ./log/launcher.debug.example"
-
 "$SOURCE_DIR/scripts/make-sample-install" "$work/payload" 121
 cmake -S "$SOURCE_DIR" -B "$work/build" -DBUILD_TESTING=OFF -DCMAKE_INSTALL_PREFIX=/srv/quarn \
     -DLAUNCHER_CLIENT_PAYLOAD="$work/payload" >/dev/null

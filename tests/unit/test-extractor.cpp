@@ -1,6 +1,3 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include "extractor/extractor.h"
 #include "launcher/notify-adapter.h"
 #include "launcher/str-table.h"
@@ -23,11 +20,9 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
                      [&](int total, int at) { shown += std::to_string(total * 100 + at) + ";"; });
     const std::string tool = "#!/bin/sh\necho tool\n", outside = tmp / "outside",
                       absolute = "/lq-extractor-absolute-probe/evil";
-    // The system's tar makes the archives, each file dated 2001, which must not reach the disk.
-    // In one of twelve files of 100, 200, ... bytes, the eleventh header (ten headers and
-    // fifteen data blocks on) fails its checksum. Hostile entries: an absolute name stays below
-    // the target, "../x" is refused. Link targets are kept as stored, so a file "through" a link
-    // lands where it points, outside too.
+    // Files dated 2001, a date that must not reach the disk. In twelve files of 100, 200, ...
+    // bytes, the eleventh header fails its checksum. Hostile: an absolute name stays below the
+    // target, "../x" is refused, a file "through" a stored link lands where it points.
     ASSERT_TRUE(
         testsupport::WriteFile(tmp / "make", R"(set -e; cd "$1"; mkdir -p s/pkg/bin outside; cd s
 printf '#!/bin/sh\necho tool\n' >pkg/bin/tool; ln -s bin/tool pkg/current; : >top
@@ -88,7 +83,5 @@ $T -P -cf ../hostile --transform="s,^planted$,escape/planted,;s,^evil$,$2,;s,^tw
     EXPECT_EQ("p", ReadFile(outside + "/planted"));
     EXPECT_EQ(-1, access("/lq-extractor-absolute-probe", F_OK));
     EXPECT_EQ(-1, access((tmp / "x").c_str(), F_OK));
-    EXPECT_EQ(-1, Extractor().copy_data(nullptr, nullptr));
-    EXPECT_NE(std::string::npos, ReadFile(tmp / "log").find("(26): Invalid Argument\n"));
     Logger::Destroy();
 }

@@ -1,6 +1,4 @@
 // The launcher in-process; the dialog's look is checked in a real X server (e2e-dialog-x11.sh).
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <QPushButton>
 

@@ -1,14 +1,7 @@
-// The upgrade service: the install root, the upgrade decision, stopping the client through its
-// pid file, and the predecessor's folders. The copy with its backups and roll-back is proved
-// under faults by tests/integration/upgrade-faults; the client's start by the end-to-end tests.
-
+// The upgrade service; its copy and roll-back are proved under faults in upgrade-faults.cpp.
 #include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <thread>
 
 #include "lib/desktop/ui-path-manager.h"
@@ -34,11 +27,11 @@ protected:
 
 // The Deepin desktop, exactly so named, with a data folder set: that folder; else the home.
 TEST_F(ServiceTest, InstallRootIsHomeUnlessExactlyDeepinWithDataHome) {
-    const char* cases[][2] = {{"deepin", "/d"},
-                              {"Deepin:GNOME", "/d"},
-                              {"Deepin", ""},
-                              {"GNOME", "/d"},
-                              {"Deepin", "/d"}};
+    const std::pair<const char*, const char*> cases[] = {{"deepin", "/d"},
+                                                         {"Deepin:GNOME", "/d"},
+                                                         {"Deepin", ""},
+                                                         {"GNOME", "/d"},
+                                                         {"Deepin", "/d"}};
     for (const auto& [desktop, data] : cases) {
         setenv("XDG_CURRENT_DESKTOP", desktop, 1), setenv("XDG_DATA_HOME", data, 1);
         EXPECT_EQ(Service::GetUserInstallPath().toStdString(),
@@ -47,31 +40,28 @@ TEST_F(ServiceTest, InstallRootIsHomeUnlessExactlyDeepinWithDataHome) {
 }
 
 TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
-    const struct {
-        const char *source, *target;  // "": no INFO file; "fifo": a FIFO in its place
-        bool ui, upgrade;
-    } cases[] = {{"120", "121", 1, 1}, {"121", "121", 1, 0},   {"121", "121", 0, 1},
-                 {"121", "120", 1, 0}, {"120x", "121y", 1, 1}, {"", "1", 1, 1},
-                 {"3", "", 1, 0},      {"fifo", "121", 1, 1}};
-    for (const auto& c : cases) {
-        RemoveTree(home), fs::remove(root + "/INFO"), fs::create_directories(app);
-        for (auto [path, build] : {std::pair(app + "/INFO", c.source), {root + "/INFO", c.target}})
+    // builds in the copy's and the package's INFO ("": none, "fifo": a FIFO), UI there, upgrade
+    const std::tuple<const char*, const char*, bool, bool> cases[] = {
+        {"120", "121", 1, 1},   {"121", "121", 1, 0}, {"121", "121", 0, 1}, {"121", "120", 1, 0},
+        {"120x", "121y", 1, 1}, {"", "1", 1, 1},      {"3", "", 1, 0},      {"fifo", "121", 1, 1}};
+    for (const auto& [source, target, ui, upgrade] : cases) {
+        fs::remove_all(home), fs::remove(root + "/INFO"), fs::create_directories(app);
+        for (auto [path, build] : {std::pair(app + "/INFO", source), {root + "/INFO", target}})
             ASSERT_TRUE(!*build ||
                         (!strcmp(build, "fifo")
                              ? mkfifo(path.c_str(), 0600) == 0
                              : WriteFile(path, "[Version]\nbuild_version=" + std::string(build))));
-        ASSERT_TRUE(WriteFile(app + (c.ui ? "/bin/cloud-quarn-ui" : "/bin/other"), ""));
+        ASSERT_TRUE(WriteFile(app + (ui ? "/bin/cloud-quarn-ui" : "/bin/other"), ""));
         LinuxService service;
         service.PreUpgrade();
-        EXPECT_EQ(service.IsNeedUpgrade(), c.upgrade) << c.source << " " << c.target << c.ui;
+        EXPECT_EQ(service.IsNeedUpgrade(), upgrade) << source << " " << target << ui;
     }
 }
 
-// Stops as an ordinary user leading its own process group, beside a member of it that handles
-// SIGTERM as told (held until it has done so); a line with '=' is the pid file, %lld the
-// member's pid ("self": the stopper's pid; "+2^32", "-2^32": the member's pid plus or minus
-// 2^32). Then SIGUSR2 ends the member if it still runs. Returns how it ended: the signal, or
-// 64 + its exit code; plus 100 when the stop took the five one-second passes.
+// Stops as the leader of a process group holding a member that handles SIGTERM as told. A line
+// with '=' is the pid file, %lld the member's pid; "self", "+2^32", "-2^32" name the stopper or
+// the member's pid plus or minus 2^32. Then SIGUSR2 ends the member if it still runs. Returns
+// how it ended (the signal, or 64 + its exit code), plus 100 when the stop took five seconds.
 static int Stop(const std::string& pid_file, const std::string& line, void (*handle)()) {
     setpgid(0, 0);
     sigset_t term;
@@ -102,9 +92,8 @@ static int Stop(const std::string& pid_file, const std::string& line, void (*han
     return waited + (WIFSIGNALED(status) ? WTERMSIG(status) : 64 + WEXITSTATUS(status));
 }
 
-// Missing, malformed, unreadable, a FIFO, pids 0, -0 or negative (a whole group), out of a
-// pid's range (cut to 32 bits they name the member), the launcher's own: nothing signalled. A
-// client is stopped at once, waited for while it ends, killed only when it ignores SIGTERM.
+// A pid file missing, malformed, unreadable, a FIFO, or naming 0, a group, a pid out of range
+// or the launcher: nothing signalled. A client that ignores SIGTERM is the only one killed.
 TEST_F(ServiceTest, StopSignalsOnlyTheClientAndKillsOnlyOneThatIgnoresSigterm) {
     const std::string pid_file = quarn + "/ui.pid";
     ASSERT_TRUE(MakeDirs(quarn) && chown(quarn.c_str(), 65534, 65534) == 0);
