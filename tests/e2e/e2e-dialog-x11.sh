@@ -15,9 +15,8 @@ EXTRA_PIDS+=($!) # up before the dialog maps, or it may manage it unmapped
 wait_until "openbox to start" eval '[[ $(xprop -root _OB_THEME) == *=* ]]'
 printf '#!/bin/sh\necho $$ >"$0.pid"\nkill -STOP $$\nexec "$@"\n' >"$WORK/paused"
 chmod 755 "$WORK/paused" && run_launcher "$WORK/paused" & launcher=$!
-paused() { local p; p=$(cat "$WORK/paused.pid" 2>/dev/null) &&
-    [[ $(awk '{ print $3 }' "/proc/$p/stat" 2>/dev/null) == T ]]; }
-wait_until "the launcher to pause before it starts" paused
+wait_until "the launcher to pause before it starts" eval \
+    '[[ $(cut -d" " -f3 "/proc/$(cat "$WORK/paused.pid" 2>/dev/null)/stat" 2>/dev/null) == T ]]'
 pid=$(<"$WORK/paused.pid")
 run_slice() { kill -CONT "$pid" && sleep 0.1 && kill -STOP "$pid"; }
 viewable() { xdotool search --onlyvisible --name '^Corvane Quarn Client$' | head -1; }

@@ -21,7 +21,6 @@ make_user_copy() {  # build: the user's copy, from a sample package of that buil
     "$SOURCE_DIR/scripts/make-sample-install" "$WORK/old-$1" "$1" >/dev/null
     mkdir -p "$USER_DIR" && rm -rf "$APP_DIR" && cp -a "$WORK/old-$1/package/nimbrel" "$APP_DIR"
 }
-setup() { make_root && make_user_copy "$1"; }
 user_build() { sed -n 's/^build_version=//p' "$APP_DIR/INFO" 2>/dev/null; }
 count() { grep -s -c -F -- "$1" "$LOG" || :; }  # log lines holding the text
 clients() { processes_naming "$APP_DIR/bin/cloud-quarn-ui"; }  # the copy's client processes

@@ -2,7 +2,7 @@
 # Twenty launchers at once on an older copy: one upgrades, the others return 0 saying why. The
 # client does not hold the launcher's lock, nor does a launcher killed mid-login.
 . "$(dirname "$0")/e2e-lib.sh"
-setup 120
+make_root && make_user_copy 120
 # The copy's start script holds a launcher at the client's start until start-stop.go appears.
 APP_DIR=$ROOT/package/nimbrel slow_start_script 60
 for i in $(seq 20); do (until [[ -e "$WORK/go" ]]; do sleep 0.01; done && login) & done

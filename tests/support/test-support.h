@@ -27,10 +27,7 @@ public:
     explicit TempDir(const std::string& base = "/tmp") : path_(base + "/lq-test-XXXXXX") {
         path_ = mkdtemp(path_.data()) ? path_ : "";
     }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
+    ~TempDir() { fs::remove_all(path_, error_); }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::string& path() const { return path_; }
@@ -38,12 +35,12 @@ public:
 
 private:
     std::string path_;
+    std::error_code error_;
 };
 
 inline bool MakeDirs(const std::string& path) {
     std::error_code ec;
-    fs::create_directories(path, ec);
-    return !ec;
+    return fs::create_directories(path, ec), !ec;
 }
 
 // Whole files; missing parent folders are made.
@@ -52,7 +49,7 @@ inline bool WriteFile(const std::string& path, const std::string& contents) {
     return static_cast<bool>(std::ofstream(path, std::ios::binary) << contents);
 }
 
-inline std::string ReadFile(const std::string& path) {
+inline std::string ReadFile(const std::string& path) {  // "" for a folder or a missing file
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();

@@ -5,9 +5,7 @@
 #include "log/tmp-name-gen.h"
 #include "tests/support/test-support.h"
 
-using testsupport::MakeDirs;
-using testsupport::ReadFile;
-using testsupport::WriteFile;
+using namespace testsupport;
 
 // Pins the name engine to the state a fresh process has before it reseeds.
 struct TmpNameGenTestAccess {
@@ -29,7 +27,7 @@ protected:
                   Logger::Initialize(Logger::TYPE_FILE, dir / "log", "", 50, Logger::SCOPE_THREAD));
     }
     void TearDown() override { Logger::Destroy(); }
-    testsupport::TempDir dir;
+    TempDir dir;
 };
 
 // The source goes only after a complete copy, and a read-only folder keeps it even then; what
@@ -60,9 +58,10 @@ TEST_F(FileOpTest, Copy) {
     for (const auto& [from, to, remove, keep, nobody, want, mode] : cases) {
         const bool existed = IsFileExist(from, false);
         errno = 0;
-        const int rc = nobody ? static_cast<int8_t>(testsupport::RunAsUnprivileged(
-                                    std::bind(FSCopy, from, to, remove, keep)))
-                              : FSCopy(from, to, remove, keep);
+        const int rc =
+            nobody
+                ? static_cast<int8_t>(RunAsUnprivileged(std::bind(FSCopy, from, to, remove, keep)))
+                : FSCopy(from, to, remove, keep);
         EXPECT_EQ(want, rc) << to;
         EXPECT_EQ(want == -2 ? ENOSPC : errno, errno) << to;
         EXPECT_EQ(mode, Mode(to)) << to;
@@ -73,7 +72,7 @@ TEST_F(FileOpTest, Copy) {
 }
 
 TEST_F(FileOpTest, Rename) {
-    testsupport::TempDir shm("/dev/shm");
+    TempDir shm("/dev/shm");
     WriteFile(dir / "a", "A");
     chmod((dir / "a").c_str(), 0755);
     WriteFile(dir / "tree/x/y/deep", std::string(70000, 'd'));
@@ -146,7 +145,7 @@ TEST_F(FileOpTest, Folders) {
     EXPECT_FALSE(IsFileExist(dir / "a", false));
     EXPECT_EQ("kept", ReadFile(dir / "outside/keep"));
     chmod((dir / "outside").c_str(), 0);
-    EXPECT_EQ(0, testsupport::RunAsUnprivileged([&] { return -FSRemove(dir / "outside", false); }));
+    EXPECT_EQ(0, RunAsUnprivileged([&] { return -FSRemove(dir / "outside", false); }));
 }
 
 // Functions the upgrade never calls: a row a call and its result, in order. A time past 2038

@@ -1,7 +1,5 @@
 // The launcher in-process; the dialog's look is checked in a real X server (e2e-dialog-x11.sh).
 
-#include <QPushButton>
-
 #include "launcher/launcher.h"
 #include "launcher/notify-adapter.h"
 #include "tests/support/test-support.h"
@@ -71,8 +69,6 @@ TEST_P(LauncherTestAccess, WorkerSequenceAndWhatTheUserSees) {
     Launcher launcher;
     auto* service = new FakeService(need, result);
     Use(launcher, service);
-    EXPECT_TRUE(service->dialog->findChild<QPushButton*>() == nullptr &&
-                !service->dialog->isModal());
     launcher.Run();
     launcher.Start();
     EXPECT_EQ(0, QApplication::exec());
@@ -92,9 +88,3 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(std::make_tuple(false, 0, "0 0 Corvane Quarn Client is initializing..."),
                       std::make_tuple(true, 0, "1 100 Corvane Quarn Client is ready."),
                       std::make_tuple(true, -1, "1 40 unpacking")));
-
-TEST(StartUpDeathTest, ThaiSwitchesTheDialogFont) {  // the translator stays: in a child
-    EXPECT_EXIT(setenv("LANGUAGE", "th_TH", 1); initializeLanguage(App());
-                exit(ProcessingProgressDialog().font().family() == "Microsoft Sans Serif" ? 0 : 1),
-                ::testing::ExitedWithCode(0), "");
-}

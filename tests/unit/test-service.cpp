@@ -9,7 +9,6 @@
 #include "service/linux/linux-service.h"
 #include "tests/support/test-support.h"
 
-namespace fs = std::filesystem;
 using namespace testsupport;
 
 class ServiceTest : public ::testing::Test {
