@@ -79,6 +79,6 @@ int closedir(DIR* d) {
     return Watch(dirfd(d), 0), REAL(closedir)(d);
 }
 ssize_t copy_file_range(int in, loff_t* a, int out, loff_t* b, size_t n, unsigned f) {
-    return WATCHED(in) || WATCHED(out)      ? errno = EXDEV,
-                                         -1 : REAL(copy_file_range)(in, a, out, b, n, f);
+    return WATCHED(in) || WATCHED(out) ? (errno = EXDEV, -1)
+                                       : REAL(copy_file_range)(in, a, out, b, n, f);
 }
