@@ -27,7 +27,9 @@ __attribute__((destructor)) static void Report(void) {
     out ? fprintf(out, "%ld\n", calls), fclose(out) : 0;
 }
 
-#define UNDER(p) ((p) && root && !strncmp((p), root, strlen(root)))
+static int Under(const char* p) {  // a function: the wrapped calls' paths are declared nonnull
+    return p && root && !strncmp(p, root, strlen(root));
+}
 #define WATCHED(fd) ((fd) >= 0 && (fd) < 65536 && watched[fd])
 static int Watch(int fd, int on) {
     return fd >= 0 && fd < 65536 ? watched[fd] = on, fd : fd;
@@ -46,13 +48,13 @@ static int Fail(int on) {
     ret name params {                                \
         return Fail(on) ? (ret)-1 : REAL(name) args; \
     }
-WRAP(int, stat, UNDER(p), (const char* p, struct stat* s), (p, s))
-WRAP(int, lstat, UNDER(p), (const char* p, struct stat* s), (p, s))
-WRAP(int, access, UNDER(p), (const char* p, int m), (p, m))
-WRAP(int, mkdir, UNDER(p), (const char* p, mode_t m), (p, m))
-WRAP(int, unlink, UNDER(p), (const char* p), (p))
-WRAP(int, rmdir, UNDER(p), (const char* p), (p))
-WRAP(int, rename, UNDER(a) || UNDER(b), (const char* a, const char* b), (a, b))
+WRAP(int, stat, Under(p), (const char* p, struct stat* s), (p, s))
+WRAP(int, lstat, Under(p), (const char* p, struct stat* s), (p, s))
+WRAP(int, access, Under(p), (const char* p, int m), (p, m))
+WRAP(int, mkdir, Under(p), (const char* p, mode_t m), (p, m))
+WRAP(int, unlink, Under(p), (const char* p), (p))
+WRAP(int, rmdir, Under(p), (const char* p), (p))
+WRAP(int, rename, Under(a) || Under(b), (const char* a, const char* b), (a, b))
 WRAP(ssize_t, read, WATCHED(fd), (int fd, void* b, size_t n), (fd, b, n))
 WRAP(ssize_t, write, WATCHED(fd), (int fd, const void* b, size_t n), (fd, b, n))
 WRAP(int, fstat, WATCHED(fd), (int fd, struct stat* s), (fd, s))
@@ -63,14 +65,14 @@ int open(const char* p, int flags, ...) {
     va_start(a, flags);
     const mode_t m = va_arg(a, mode_t);
     va_end(a);
-    return Fail(UNDER(p)) ? -1 : Watch(REAL(open)(p, flags, m), UNDER(p));
+    return Fail(Under(p)) ? -1 : Watch(REAL(open)(p, flags, m), Under(p));
 }
 int close(int fd) {
     return REAL(close)(Watch(fd, 0));
 }
 DIR* opendir(const char* p) {
-    DIR* d = Fail(UNDER(p)) ? NULL : REAL(opendir)(p);
-    return (void)(d && Watch(dirfd(d), UNDER(p))), d;
+    DIR* d = Fail(Under(p)) ? NULL : REAL(opendir)(p);
+    return (void)(d && Watch(dirfd(d), Under(p))), d;
 }
 struct dirent* readdir(DIR* d) {
     return Fail(WATCHED(dirfd(d))) ? NULL : REAL(readdir)(d);
