@@ -66,8 +66,9 @@ TEST_F(FileOpTest, Copy) {
         EXPECT_EQ(want == -2 ? ENOSPC : errno, errno) << to;
         EXPECT_EQ(mode, Mode(to)) << to;
         EXPECT_EQ(existed && (rc != 0 || !remove), IsFileExist(from, false)) << to;
-        if (to != "/dev/full")  // which reads as endless zeros
+        if (to != "/dev/full") {  // which reads as endless zeros
             EXPECT_EQ(mode ? bytes : "", ReadFile(to)) << to;
+        }
     }
 }
 
