@@ -15,10 +15,10 @@ static Lines Unstamped(const std::string& text) {
     return lines;
 }
 
-static std::string Prefix(const char* tag, int line, int thread = pthread_self() % 100000) {
+static std::string Prefix(const char* tag, int line) {  // as the calling thread writes it
     char text[128];
     snprintf(text, sizeof(text), "(%5d:%5d) [%s] test-log.cpp(%d): ", static_cast<int>(getpid()),
-             thread, tag, line);
+             static_cast<int>(pthread_self() % 100000), tag, line);
     return text;
 }
 
@@ -77,11 +77,12 @@ TEST(LoggerThreads, EveryLineOnceAndWholeAcrossRotations) {
     testsupport::TempDir dir;
     const std::string path = dir / "launcher.log", small = dir / "small.log";
     ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, path, "", 50, Logger::SCOPE_THREAD));
-    std::vector<int> ids(kThreads), next(kThreads, 0);
+    std::vector<std::string> prefixes(kThreads);  // each writer's, as its thread sees it
+    std::vector<int> next(kThreads, 0);
     std::vector<std::thread> writers;
     for (int w = 0; w < kThreads; ++w) {
-        writers.emplace_back([w, &ids] {
-            ids[w] = pthread_self() % 100000;
+        writers.emplace_back([w, &prefixes] {
+            prefixes[w] = Prefix("ERROR", 321);
             for (int n = 0; n < kLines; ++n)
                 LOG_AT(ERROR, "threads", 321, "writer %d line %d %032d\n", w, n, 0);
         });
@@ -102,8 +103,8 @@ TEST(LoggerThreads, EveryLineOnceAndWholeAcrossRotations) {
                       sscanf(line.c_str(), "%*s (%*d:%*d) [ERROR] %*s writer %d line %d", &w, &n));
             ASSERT_TRUE(w >= 0 && w < kThreads && n == next[w]++) << line;
             char whole[160];
-            snprintf(whole, sizeof(whole), "%swriter %d line %d %032d",
-                     Prefix("ERROR", 321, ids[w]).c_str(), w, n, 0);
+            snprintf(whole, sizeof(whole), "%swriter %d line %d %032d", prefixes[w].c_str(), w, n,
+                     0);
             ASSERT_EQ(whole, line.substr(std::min<size_t>(20, line.size()))) << "torn";
         }
     }
