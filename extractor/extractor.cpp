@@ -195,8 +195,9 @@ int Extractor::UnpackEntries(struct archive* reader, struct archive* writer, int
                    lib->archive_error_string(reader));
             return -1;
         }
+        // An empty name would make the target folder itself the entry's path.
         const char* name = lib->archive_entry_pathname(entry);
-        if (name == nullptr) {
+        if (name == nullptr || *name == '\0') {
             LOG_AT(ERROR, kComponent, 213, "archive_entry_pathname failed");
             return -1;
         }

@@ -6,6 +6,74 @@
 
 using testsupport::ReadFile;
 
+namespace {
+
+// A ustar archive written byte by byte, so that every libarchive reads the same bytes.
+class Tar {
+public:
+    void Add(const std::string& name, char type, const std::string& data = "",
+             const std::string& link = "") {
+        std::string header(512, '\0');
+        header.replace(0, name.size(), name);
+        header.replace(100, 7, type == '5' ? "0000755" : "0000644");
+        header.replace(124, 11, Octal(data.size(), 11));
+        header.replace(136, 11, Octal(1000000000, 11));  // 2001: must not reach the disk
+        header[156] = type;
+        header.replace(157, link.size(), link);
+        header.replace(257, 8,
+                       std::string("ustar\0"
+                                   "00",
+                                   8));
+        header.replace(148, 8, "        ");
+        unsigned sum = 0;
+        for (unsigned char c : header)
+            sum += c;
+        header.replace(148, 7, Octal(sum, 6) + '\0');
+        headers_.push_back(bytes_.size());
+        bytes_ += header + data + std::string((512 - data.size() % 512) % 512, '\0');
+    }
+    std::string Bytes() const { return bytes_ + std::string(1024, '\0'); }
+    size_t HeaderAt(size_t index) const { return headers_.at(index); }
+
+private:
+    static std::string Octal(unsigned long value, int width) {
+        char text[24];
+        std::snprintf(text, sizeof(text), "%0*lo", width, value);
+        return text;
+    }
+    std::string bytes_;
+    std::vector<size_t> headers_;
+};
+
+// gzip with stored deflate blocks: a compressed archive whose bytes no compressor version sways.
+std::string Gzip(const std::string& data) {
+    std::string out("\x1f\x8b\x08\0\0\0\0\0\0\x03", 10);
+    size_t at = 0;
+    do {
+        const size_t n = std::min<size_t>(data.size() - at, 65535);
+        const bool last = at + n == data.size();
+        out += static_cast<char>(last ? 1 : 0);
+        for (unsigned v : {unsigned(n), unsigned(~n & 0xffff)}) {
+            out += static_cast<char>(v & 0xff);
+            out += static_cast<char>(v >> 8);
+        }
+        out += data.substr(at, n);
+        at += n;
+    } while (at < data.size());
+    uint32_t crc = 0xffffffffu;
+    for (unsigned char c : data) {
+        crc ^= c;
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
+    }
+    for (uint32_t v : {~crc, uint32_t(data.size())})
+        for (int shift = 0; shift < 32; shift += 8)
+            out += static_cast<char>((v >> shift) & 0xff);
+    return out;
+}
+
+}  // namespace
+
 TEST(Extractor, ArchivesAndWhatTheyLeave) {
     testsupport::TempDir tmp;
     ASSERT_TRUE(testsupport::WriteFile(tmp / "levels", "extractor_debug=7\n"));
@@ -20,27 +88,34 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
                      [&](int total, int at) { shown += std::to_string(total * 100 + at) + ";"; });
     const std::string tool = "#!/bin/sh\necho tool\n", outside = tmp / "outside",
                       absolute = "/lq-extractor-absolute-probe/evil";
-    // Files dated 2001, a date that must not reach the disk. In twelve files of 100, 200, ...
-    // bytes, the eleventh header fails its checksum. Hostile: an absolute name stays below the
-    // target, "../x" is refused, a file "through" a stored link lands where it points.
-    ASSERT_TRUE(
-        testsupport::WriteFile(tmp / "make", R"(set -e; cd "$1"; mkdir -p s/pkg/bin outside; cd s
-printf '#!/bin/sh\necho tool\n' >pkg/bin/tool; ln -s bin/tool pkg/current; : >top
-echo -n p >planted; echo -n x >evil; echo -n 2 >two; ln -s "$1/outside" escape
-for i in $(seq 12); do head -c $((100 * i)) /dev/zero | tr '\0' x >f$i; done
-T='tar --mtime=@1000000000'; $T -czf ../gz pkg top; $T -cf ../empty -T /dev/null
-$T --format=ustar -cf ../damaged $(seq -f f%g 12)
-$T -P -cf ../hostile --transform="s,^planted$,escape/planted,;s,^evil$,$2,;s,^two$,../x," \
-    escape planted evil two)"));
-    ASSERT_EQ(0, system(("sh " + tmp / "make " + tmp.path() + " " + absolute).c_str()));
-    std::string damaged = ReadFile(tmp / "damaged");
-    damaged.replace(25 * 512 + 148, 8, "0000000", 8);
-    testsupport::WriteFile(tmp / "damaged", damaged);
-    // A 7z holding one empty file whose name was never stored.
-    const char nameless[] =
-        "7z\xbc\xaf\x27\x1c\0\x04\x1a\xaf\xa1\x3d\0\0\0\0\0\0\0\0\x0b\0\0\0\0\0\0\0AW\xcf\x2d\x01"
-        "\x05\x01\x0e\x01\x80\x0f\x01\x80\0";
-    testsupport::WriteFile(tmp / "nameless", std::string(nameless, sizeof(nameless)));
+    testsupport::MakeDirs(outside);
+    Tar package;
+    package.Add("pkg/", '5');
+    package.Add("pkg/bin/", '5');
+    package.Add("pkg/bin/tool", '0', tool);
+    package.Add("pkg/current", '2', "", "bin/tool");
+    package.Add("top", '0');
+    testsupport::WriteFile(tmp / "gz", Gzip(package.Bytes()));
+    testsupport::WriteFile(tmp / "empty", std::string(10240, '\0'));
+    // Twelve files of 100, 200, ... bytes; the eleventh header fails its checksum.
+    Tar damaged;
+    for (int i = 1; i <= 12; ++i)
+        damaged.Add("f" + std::to_string(i), '0', std::string(100 * i, 'x'));
+    std::string damaged_bytes = damaged.Bytes();
+    damaged_bytes.replace(damaged.HeaderAt(10) + 148, 8, "0000000", 8);
+    testsupport::WriteFile(tmp / "damaged", damaged_bytes);
+    // One file whose stored name is empty.
+    Tar nameless;
+    nameless.Add("", '0', "a");
+    testsupport::WriteFile(tmp / "nameless", nameless.Bytes());
+    // Hostile: a file "through" a stored link lands where it points, an absolute name stays
+    // below the target, "../x" is refused.
+    Tar hostile;
+    hostile.Add("escape", '2', "", outside);
+    hostile.Add("escape/planted", '0', "p");
+    hostile.Add(absolute, '0', "x");
+    hostile.Add("../x", '0', "2");
+    testsupport::WriteFile(tmp / "hostile", hostile.Bytes());
     const struct {
         std::string source, target;
         int count, rc, steps;    // entries counted, Extract's result, progress steps (count*100+i)
