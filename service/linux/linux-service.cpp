@@ -113,12 +113,14 @@ bool CanHaveWritten(const std::string& pidfile, pid_t pid, long long ticks, int6
     const long hz = sysconf(_SC_CLK_TCK);  // ticks * 10^9 alone would overflow after 3 years
     const int64_t started = boot + ticks / hz * kNsPerSecond + ticks % hz * kNsPerSecond / hz;
     const auto seconds = [](int64_t ns) { return static_cast<long long>(ns / kNsPerSecond); };
-    if (ticks < 0) {
+    if (ticks < 0) {  // its record hidden (a /proc mounted with hidepid)
         LOG_HERE(DEBUG, kComponent, "start of pid %d unknown, it is not stopped\n",
                  static_cast<int>(pid));
     } else if (written < boot + kClockSlackNs) {
         // Process numbers come out of a boot in much the same order: a pid file of an earlier
-        // boot is likely to name a process of the user's new session.
+        // boot is likely to name a process of the user's new session. Every live process
+        // started during this boot, so the start check below refuses it as well; this one says
+        // why, and also refuses a file of the boot's first seconds, before any session.
         LOG_HERE(DEBUG, kComponent,
                  "pid file '%s' was written %llds before this boot, pid %d is not its writer\n",
                  pidfile.c_str(), seconds(boot - written), static_cast<int>(pid));
