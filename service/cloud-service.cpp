@@ -5,7 +5,6 @@
 #include <QSettings>
 #include <QStringList>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -68,10 +67,9 @@ std::string GetAppBackupDir(const std::string& base, int n) {
 // Fills a version record from the group "Version" of an INFO file; keys the file does not hold
 // leave their fields as they were.
 void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
-    // Only a regular file is read, as a missing one yields no keys: the settings reader would
-    // wait for ever on a FIFO, and every later login with it.
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    // Anything but a regular file yields no keys, as a missing one does: the settings reader
+    // would wait for ever on a FIFO, and every later login with it.
+    if (!FSIsRegularFile(path)) {
         return;
     }
     QSettings ini(QString::fromUtf8(path.c_str()), QSettings::IniFormat);

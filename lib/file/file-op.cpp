@@ -172,6 +172,15 @@ bool IsFileExist(const std::string& path, bool /*follow: links never followed*/)
     return info.exists;
 }
 
+bool FSIsRegularFile(const std::string& path, int64_t* mtime_ns) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return false;
+    if (mtime_ns)
+        *mtime_ns = st.st_mtim.tv_sec * int64_t{1000000000} + st.st_mtim.tv_nsec;
+    return true;
+}
+
 int FSUTime(const std::string& path, long atime, long mtime) {
     struct timeval times[2];
     times[0].tv_sec = atime;

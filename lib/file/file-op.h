@@ -38,6 +38,10 @@ std::string FSBaseName(const std::string& path);
 int GetFileInfo(const std::string& path, _FILE_INFO_tag& info);
 int FSStat(const std::string& path, _FILE_INFO_tag& info, bool follow);
 bool IsFileExist(const std::string& path, bool follow);
+// Whether path, links followed, is a regular file: the only kind a small file is read from,
+// as a FIFO in its place would keep the reader waiting for good and a device holds no such
+// file. mtime_ns, when given, gets its last modification in nanoseconds since the epoch.
+bool FSIsRegularFile(const std::string& path, int64_t* mtime_ns = nullptr);
 int FSUTime(const std::string& path, long atime, long mtime);
 bool FSTimeEqual(long a, long b);
 bool isFileLocked(const std::string& path, int mode);

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# At the default levels a good login leaves no warning; a package INFO without a build, a
-# missing start script and a home with a space each leave one WARNING naming it, and exit 0.
+# At the default levels a good login leaves no warning; a pid file of an earlier boot naming a
+# live process, a package INFO without a build, a missing start script and a home with a space
+# each leave one WARNING naming it, and exit 0.
 . "$(dirname "$0")/e2e-lib.sh"
 login() { # the text of the one WARNING line this login must write; "" for none
     rm -f "$LOG" && { run_launcher || fail "exit code $?"; }
@@ -11,6 +12,13 @@ login() { # the text of the one WARNING line this login must write; "" for none
 cannot_run() { echo "cannot run the client's start script: '$APP_DIR/package/start-stop start'"; }
 make_root && rm "$ROOT/log/launcher.debug" && make_user_copy "$PKG_BUILD"
 login "" && wait_for_client >/dev/null || fail "the client did not start"
+# A pid file of an earlier boot naming a live process of the user: left alone, one WARNING; the
+# copy is upgraded and the client starts.
+sleep 600 & stale=$! && EXTRA_PIDS+=("$stale") && make_user_copy 120
+echo "pid=$stale" >"$USER_DIR/ui.pid" && touch -d @86400 "$USER_DIR/ui.pid"
+login "old client not stopped: pid $stale of pid file '$USER_DIR/ui.pid' is a process that cannot"
+kill -0 "$stale" && [[ "$(user_build)" == "$PKG_BUILD" ]] || fail "process stopped, or no upgrade"
+wait_for_client "$stale" >/dev/null || fail "the client did not start after the upgrade"
 cp "$ROOT/INFO" "$WORK/INFO" && echo garbage >"$ROOT/INFO"
 login "the package version file '$ROOT/INFO' holds no build number"
 mv "$WORK/INFO" "$ROOT/INFO" && rm "$APP_DIR/package/start-stop"

@@ -3,6 +3,8 @@
 // data untouched, the copy the package, the old one or a kept outcome. UPGRADE_FAULTS_LONG=1:
 // every errno once and lasting at every point, and 200 kills; else one a point, and 10 kills.
 
+#include <fcntl.h>
+
 #include <map>
 #include <random>
 
@@ -40,8 +42,11 @@ TEST(UpgradeFaults, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
                      "mkdir -p $Q/data && cp -a $P $A && echo x >$A/only-in-old && $m $R 121 && "
                      "echo rows >$Q/data/db && head -c 40000 /dev/urandom >$P/bin/a.so"),
               0);
-    // Cut to 32 bits it names this driver: a stop that signalled it would end the test.
-    ASSERT_TRUE(WriteFile(quarn + "/ui.pid", "pid=" + std::to_string((1LL << 32) + getpid())));
+    // It names this driver but dates from before this boot, as a pid file left by the client of
+    // an earlier session: a stop that signalled the driver would end the test.
+    const timespec before_boot[2] = {{86400, 0}, {86400, 0}};
+    ASSERT_TRUE(WriteFile(quarn + "/ui.pid", "pid=" + std::to_string(getpid())));
+    ASSERT_EQ(utimensat(AT_FDCWD, (quarn + "/ui.pid").c_str(), before_boot, 0), 0);
     ASSERT_EQ(system(("cp -a $Q " + base / "old").c_str()), 0);
     Tree old = Snapshot(app), new_copy = Snapshot(package), data = Snapshot(quarn + "/data"),
          both = new_copy;

@@ -1,7 +1,9 @@
 // The upgrade service; its copy and roll-back are proved under faults in upgrade-faults.cpp.
+#include <fcntl.h>
 #include <sys/prctl.h>
 
 #include <atomic>
+#include <regex>
 #include <thread>
 
 #include "lib/desktop/ui-path-manager.h"
@@ -59,9 +61,11 @@ TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
 
 // Stops as the leader of a process group holding a member that handles SIGTERM as told. A line
 // with '=' is the pid file, %lld the member's pid; "self", "+2^32", "-2^32" name the stopper or
-// the member's pid plus or minus 2^32. Then SIGUSR2 ends the member if it still runs. Returns
-// how it ended (the signal, or 64 + its exit code), plus 100 when the stop took five seconds.
-static int Stop(const std::string& pid_file, const std::string& line, void (*handle)()) {
+// the member's pid plus or minus 2^32; dated, unless 0, is then the file's time. Then SIGUSR2
+// ends the member if it still runs. Returns how it ended (the signal, or 64 + its exit code),
+// plus 100 when the stop took five seconds.
+static int Stop(const std::string& pid_file, const std::string& line, void (*handle)(),
+                time_t dated) {
     setpgid(0, 0);
     sigset_t term;
     sigemptyset(&term), sigaddset(&term, SIGTERM);
@@ -77,6 +81,9 @@ static int Stop(const std::string& pid_file, const std::string& line, void (*han
              line == "self" ? getpid() : member + offset);
     if (strchr(text, '=') && !WriteFile(pid_file, text))
         return 3;
+    const timespec times[2] = {{dated, 0}, {dated, 0}};
+    if (dated && utimensat(AT_FDCWD, pid_file.c_str(), times, 0) != 0)
+        return 4;
     std::atomic<int> status{-1};  // reaped as soon as it ends, for the stop's probes
     std::thread reaper([&] {
         int ended;
@@ -91,27 +98,45 @@ static int Stop(const std::string& pid_file, const std::string& line, void (*han
     return waited + (WIFSIGNALED(status) ? WTERMSIG(status) : 64 + WEXITSTATUS(status));
 }
 
-// A pid file missing, malformed, unreadable, a FIFO, or naming 0, a group, a pid out of range
-// or the launcher: nothing signalled. A client that ignores SIGTERM is the only one killed.
+// A pid file missing, malformed, unreadable, a FIFO, or naming 0, a group, a pid out of range,
+// the launcher or a live process that did not write it: nothing signalled. A client that
+// ignores SIGTERM is the only one killed.
 TEST_F(ServiceTest, StopSignalsOnlyTheClientAndKillsOnlyOneThatIgnoresSigterm) {
     const std::string pid_file = quarn + "/ui.pid";
     ASSERT_TRUE(MakeDirs(quarn) && chown(quarn.c_str(), 65534, 65534) == 0);
     ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
-    const auto stop = [&](const std::string& line, void (*handle)()) {
+    ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, base / "log", "", 50, Logger::SCOPE_THREAD));
+    const auto stop = [&](const std::string& line, void (*handle)(), time_t dated = 0) {
         fs::remove(pid_file);
         EXPECT_TRUE(line != "root" ||
                     (WriteFile(pid_file, "pid=1") && !chmod(pid_file.c_str(), 0600)));
         EXPECT_TRUE(line != "fifo" || mkfifo(pid_file.c_str(), 0666) == 0);
-        return RunAsUnprivileged([&] { return Stop(pid_file, line, handle); });
+        return RunAsUnprivileged([&] { return Stop(pid_file, line, handle, dated); });
     };
     for (const std::string line :
          {"", "fifo", "root", "x y=%lld", "pid=0", "pid=-0", "pid=abc", "pid=''", "other=%lld",
           "pid=-1", "pid= -2", "self", "+2^32", "-2^32"})
         EXPECT_EQ(stop(line, [] {}), SIGUSR2) << line;
+    // Dated before this boot, before the member started, or ahead of the clock.
+    for (const time_t dated : {time_t{86400}, time(nullptr) - 10, time(nullptr) + 86400}) {
+        const auto keep_default = [] {};
+        EXPECT_EQ(stop("pid=%lld", keep_default, dated), SIGUSR2) << dated;
+    }
     EXPECT_EQ(stop("# by the client\npid = \"%lld\"  # running\n", [] {}), SIGTERM);
     EXPECT_EQ(stop("pid=%lld", [] { signal(SIGTERM, [](int) { usleep(1500 * 1000), _exit(7); }); }),
               64 + 7);
     EXPECT_EQ(stop("pid='%lld'", [] { signal(SIGTERM, SIG_IGN); }), 100 + SIGKILL);
+    Logger::Destroy();
+    // At the default level, a WARNING for each file not read (FIFO, root's, syntax error) and
+    // each live member left alone; nothing else.
+    const std::string log = ReadFile(base / "log");
+    const auto lines = [&](const char* pattern) {
+        const std::regex line(pattern);
+        return std::distance(std::sregex_iterator(log.begin(), log.end(), line), {});
+    };
+    EXPECT_EQ(lines("\\[WARNING\\] .*: old client not stopped: cannot read pid file '"), 3) << log;
+    EXPECT_EQ(lines("\\[WARNING\\] .*: old client not stopped: .* cannot have written it"), 3);
+    EXPECT_EQ(lines("\n"), 6) << log;
 }
 
 TEST_F(ServiceTest, MigrationMovesDataAndAlwaysRemovesTheOldFolderAgedAppEveryRun) {
