@@ -4,8 +4,8 @@
 #include <QDir>
 #include <QFont>
 #include <QGuiApplication>
-#include <QStringList>
 #include <QOpenGLContext>
+#include <QStringList>
 #include <QTranslator>
 
 #include "launcher/launcher.h"
