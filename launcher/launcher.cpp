@@ -9,9 +9,10 @@
 #include <QX11Info>
 #include <xcb/xcb.h>
 
-#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <limits>
+#include <vector>
 
 #include "launcher/notify-adapter.h"
 #include "launcher/str-table.h"
@@ -146,44 +147,96 @@ QIcon IconFromPng(const QString& path) {
     return QIcon(QPixmap::fromImage(reader.read()));
 }
 
+xcb_atom_t Atom(xcb_connection_t* connection, const char* name) {
+    xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(
+        connection, xcb_intern_atom(connection, 0, strlen(name), name), nullptr);
+    const xcb_atom_t atom = reply != nullptr ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
+    free(reply);
+    return atom;
+}
+
+// Up to `count` 32-bit values of a property; fewer when it is shorter or missing.
+std::vector<uint32_t> Property(xcb_connection_t* connection, xcb_window_t window, xcb_atom_t name,
+                               xcb_atom_t type, uint32_t count) {
+    std::vector<uint32_t> values;
+    xcb_get_property_reply_t* reply = xcb_get_property_reply(
+        connection, xcb_get_property(connection, 0, window, name, type, 0, count), nullptr);
+    if (reply != nullptr && reply->format == 32) {
+        const auto* data = static_cast<const uint32_t*>(xcb_get_property_value(reply));
+        values.assign(data, data + xcb_get_property_value_length(reply) / 4);
+    }
+    free(reply);
+    return values;
+}
+
+// The running window manager's name, as it announces it on its check window.
+QByteArray WindowManagerName(xcb_connection_t* connection) {
+    const std::vector<uint32_t> check =
+        Property(connection, QX11Info::appRootWindow(),
+                 Atom(connection, "_NET_SUPPORTING_WM_CHECK"), XCB_ATOM_WINDOW, 1);
+    if (check.empty()) {
+        return QByteArray();
+    }
+    QByteArray name;
+    xcb_get_property_reply_t* reply = xcb_get_property_reply(
+        connection,
+        xcb_get_property(connection, 0, check[0], Atom(connection, "_NET_WM_NAME"),
+                         Atom(connection, "UTF8_STRING"), 0, 64),
+        nullptr);
+    if (reply != nullptr && reply->format == 8) {
+        name = QByteArray(static_cast<const char*>(xcb_get_property_value(reply)),
+                          xcb_get_property_value_length(reply));
+    }
+    free(reply);
+    return name;
+}
+
 // Qt writes only decoration hints for a title and system menu; window managers that go by the
 // function hints (the other half of the same property) then still offer minimise and maximise.
 // Completing the functions on the X window, after Qt has written its hints and before the
 // window is mapped, leaves moving and closing; the widget's flags stay as they are. Resizing
-// goes too: the width is fixed and the height is the content's, and managers that ignore the
-// minimise and maximise bits (openbox) still take away maximise from a window that cannot
-// be resized.
+// goes too: the dialog's size is fixed. Openbox ignores the minimise bit and offers minimise
+// and full screen to every ordinary window; there the window is announced as a tool bar, the
+// one kind it keeps titled and closable without either.
 void LeaveOutMinimiseAndMaximise(WId window) {
     if (!QX11Info::isPlatformX11()) {
         return;
     }
     enum : uint32_t { kHintFunctions = 1, kMove = 4, kClose = 32 };
     xcb_connection_t* connection = QX11Info::connection();
-    static const char kName[] = "_MOTIF_WM_HINTS";
-    xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(
-        connection, xcb_intern_atom(connection, 0, sizeof(kName) - 1, kName), nullptr);
-    if (atom == nullptr) {
+    const xcb_atom_t motif = Atom(connection, "_MOTIF_WM_HINTS");
+    if (motif == XCB_ATOM_NONE) {
         return;
     }
     // Flags, functions, decorations, input mode, status.
-    uint32_t hints[5] = {0, 0, 0, 0, 0};
-    xcb_get_property_reply_t* written = xcb_get_property_reply(
-        connection, xcb_get_property(connection, 0, window, atom->atom, atom->atom, 0, 5), nullptr);
-    if (written != nullptr && written->format == 32) {
-        const int n = std::min(5, xcb_get_property_value_length(written) / 4);
-        const auto* values = static_cast<const uint32_t*>(xcb_get_property_value(written));
-        std::copy(values, values + n, hints);
-    }
+    std::vector<uint32_t> hints = Property(connection, window, motif, motif, 5);
+    hints.resize(5, 0);
     hints[0] |= kHintFunctions;
     hints[1] = kMove | kClose;
-    xcb_change_property(connection, XCB_PROP_MODE_REPLACE, window, atom->atom, atom->atom, 32, 5,
-                        hints);
+    xcb_change_property(connection, XCB_PROP_MODE_REPLACE, window, motif, motif, 32, 5,
+                        hints.data());
+    if (WindowManagerName(connection) == "Openbox") {
+        const xcb_atom_t toolbar = Atom(connection, "_NET_WM_WINDOW_TYPE_TOOLBAR");
+        xcb_change_property(connection, XCB_PROP_MODE_REPLACE, window,
+                            Atom(connection, "_NET_WM_WINDOW_TYPE"), XCB_ATOM_ATOM, 32, 1,
+                            &toolbar);
+    }
     xcb_flush(connection);
-    free(written);
-    free(atom);
 }
 
 }  // namespace
+
+// Pinned at its content's height (the width is fixed already) before its window is made, the
+// dialog is a fixed-size window from the start: tiling desktops float it rather than stretch
+// it over the screen, and no desktop offers to resize or maximise it. The height is taken
+// here, not in the constructor, because the launcher removes the cancel button afterwards.
+void ProcessingProgressDialog::setVisible(bool visible) {
+    if (visible && !isVisible()) {
+        ensurePolished();
+        setFixedHeight(sizeHint().height());
+    }
+    QProgressDialog::setVisible(visible);
+}
 
 void ProcessingProgressDialog::showEvent(QShowEvent* event) {
     QProgressDialog::showEvent(event);

@@ -74,6 +74,7 @@ class ProcessingProgressDialog : public QProgressDialog {
     Q_OBJECT
 public:
     ProcessingProgressDialog();
+    void setVisible(bool visible) override;
 
 protected:
     void showEvent(QShowEvent* event) override;

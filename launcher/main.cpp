@@ -3,7 +3,9 @@
 #include <QApplication>
 #include <QDir>
 #include <QFont>
+#include <QGuiApplication>
 #include <QOpenGLContext>
+#include <QStringList>
 #include <QTranslator>
 
 #include "launcher/launcher.h"
@@ -19,6 +21,7 @@ int qInitResources_texts();
 namespace {
 
 const char kComponent[] = "launcher_debug";
+const char kDesktopFile[] = "cloud-quarn-launcher";
 
 QString GetPath(const char* key) {
     return UIPathManager::getInstance()->getPath(key);
@@ -50,6 +53,61 @@ private:
     static constexpr const char* kVariable = "QT_XCB_GL_INTEGRATION";
     bool set_;
 };
+
+// A login must not depend on a display: where Qt can open none (no X server, no Wayland plugin,
+// a display that refuses the connection) the copy is still upgraded and the client started,
+// only without the dialog. Qt takes the first platform of a ';'-separated list that opens, so
+// the list it would try anyway gets "offscreen", which needs no display, at its end. What Qt
+// says about the platforms it could not open is kept, to tell why in the log. The variable
+// is put back once the application exists, so the client inherits the user's environment.
+class PlatformWithFallback {
+public:
+    PlatformWithFallback() : user_(qgetenv(kVariable)), set_(qEnvironmentVariableIsSet(kVariable)) {
+        tried_ = user_.isEmpty() ? QtDefault() : user_;
+        qputenv(kVariable, tried_ + ";" + kFallback);
+        previous_ = qInstallMessageHandler(&Keep);
+    }
+    // Call once the application object exists.
+    void Settle() {
+        qInstallMessageHandler(previous_);
+        if (set_) {
+            qputenv(kVariable, user_);
+        } else {
+            qunsetenv(kVariable);
+        }
+    }
+    // Call once the logger is set up.
+    void Report() const {
+        if (QGuiApplication::platformName() != kFallback || tried_.split(';').contains(kFallback))
+            return;
+        LOG_HERE(WARNING, kComponent,
+                 "no progress dialog can be shown, as Qt opened no display with '%s': %s\n",
+                 tried_.constData(), Said().join("; ").toUtf8().constData());
+    }
+
+private:
+    // What Qt 5.15 tries when the variable is not set: Wayland first in a Wayland session.
+    static QByteArray QtDefault() {
+        return qgetenv("XDG_SESSION_TYPE") == "wayland" ? "wayland;xcb" : "xcb";
+    }
+    static QStringList& Said() {
+        static QStringList said;
+        return said;
+    }
+    // Qt's own output goes on as before.
+    static void Keep(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+        Said() << message.simplified();
+        previous_(type, context, message);
+    }
+    static constexpr const char* kVariable = "QT_QPA_PLATFORM";
+    static constexpr const char* kFallback = "offscreen";
+    static QtMessageHandler previous_;
+    QByteArray user_;
+    QByteArray tried_;
+    bool set_;
+};
+
+QtMessageHandler PlatformWithFallback::previous_ = nullptr;
 
 }  // namespace
 
@@ -110,8 +168,12 @@ void initializeLanguage(QtSingleApplication& app) {
 
 int main(int argc, char** argv) {
     NoGlIntegration no_gl;
+    PlatformWithFallback platform;
     QtSingleApplication app(argc, argv, true);
+    platform.Settle();
     no_gl.Settle();
+    // On Wayland the compositor finds the name and icon through the autostart entry's name.
+    QGuiApplication::setDesktopFileName(kDesktopFile);
     initialize_resources();
     initializeQuarnPaths();
     initialize_logger();
@@ -119,6 +181,7 @@ int main(int argc, char** argv) {
         LOG_AT(DEBUG, kComponent, 149, "app has already launched, return\n");
         return 0;
     }
+    platform.Report();
     initializeLanguage(app);
 
     Launcher* launcher = new Launcher();

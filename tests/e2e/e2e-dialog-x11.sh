@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The dialog under openbox in X (96 DPI): the bar moves between screenshots a second apart, run
 # in slices of 0.1 s so the copy spans them on any machine; 400 pixels wide; no minimise or
-# maximise asked for (openbox then offers no maximise); Alt+F4 stops nothing.
+# maximise asked for, and openbox offers neither (nor full screen, resizing); Alt+F4 stops nothing.
 . "$(dirname "$0")/e2e-lib.sh"
 QPA=xcb SHOTS=${ARTIFACT_DIR:-$WORK}/dialog-openbox
 make_root && rm -rf "$SHOTS" && mkdir -p "$SHOTS" "$ROOT/package/nimbrel/share/many"
@@ -45,9 +45,9 @@ read -r -a mwm <<<"$(xprop -id "$win" _MOTIF_WM_HINTS | sed 's/.*= //; s/,/ /g')
 ((${#mwm[@]} >= 3 && (mwm[0] & 3) == 3 && (mwm[1] & 27) == 0 && (mwm[2] & 105) == 8)) ||
     fail "window hints allow minimise or maximise, or no title: ${mwm[*]}"
 actions=$(xprop -id "$win" _NET_WM_ALLOWED_ACTIONS)
-[[ $actions == *_MOVE* && $actions != *MAXIMIZE* ]] || fail "openbox allows: $actions"
-[[ $(xprop -id "$win" WM_NORMAL_HINTS) == *"minimum size: 400 by"*"maximum size: 400 by"* &&
-    $(xwininfo -id "$win") == *"Width: 400"* ]] || fail "width is not fixed at 400 pixels"
+[[ $actions == *_MOVE* && ! $actions =~ MAXIMIZE|MINIMIZE|FULLSCREEN|RESIZE ]] ||
+    fail "openbox allows: $actions"
+[[ $(xwininfo -id "$win") == *"Width: 400"* ]] || fail "the dialog is not 400 pixels wide"
 xdotool key alt+F4
 wait "$launcher" || fail "exit code $?"
 wait_for_client >/dev/null || fail "no client after the dialog was closed"

@@ -29,7 +29,7 @@ client_env() { tr '\0' '\n' <"/proc/$1/environ"; }
 # (and the variables given); login fails the test unless it exits 0.
 run_launcher() {
     env -i PATH=/usr/local/bin:/usr/bin:/bin HOME="$HOME_DIR" LANG=C.UTF-8 \
-        QT_QPA_PLATFORM="${QPA:-offscreen}" $(env | grep -E '^(DISPLAY|XAUTHORITY|\w+_OPTIONS)=') \
+        QT_QPA_PLATFORM="${QPA-offscreen}" $(env | grep -E '^(DISPLAY|XAUTHORITY|\w+_OPTIONS)=') \
         "$@" "$ROOT/bin/cloud-quarn-launcher"
 }
 login() { run_launcher "$@" || fail "launcher exit code $?"; }  # [VARIABLE=value...]

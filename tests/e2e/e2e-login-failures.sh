@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # At the default levels a good login leaves no warning; a pid file of an earlier boot naming a
-# live process, a package INFO without a build, a missing start script and a home with a space
-# each leave one WARNING naming it, and exit 0.
+# live process, a login without a display (which still upgrades and starts the client), a
+# package INFO without a build, a missing start script and a home with a space each leave one
+# WARNING naming it, and exit 0.
 . "$(dirname "$0")/e2e-lib.sh"
-login() { # the text of the one WARNING line this login must write; "" for none
-    rm -f "$LOG" && { run_launcher || fail "exit code $?"; }
+login() { # the text of the one WARNING line this login must write ("" for none), variables
+    rm -f "$LOG" && { run_launcher "${@:2}" || fail "exit code $?"; }
     local want=$((${#1} > 0))
     [[ $(count "[WARNING]") -eq $want && $(count "${1:-[WARNING]}") -eq $want ]] ||
         fail "not one '$1'"
@@ -18,7 +19,9 @@ sleep 600 & stale=$! && EXTRA_PIDS+=("$stale") && make_user_copy 120
 echo "pid=$stale" >"$USER_DIR/ui.pid" && touch -d @86400 "$USER_DIR/ui.pid"
 login "old client not stopped: pid $stale of pid file '$USER_DIR/ui.pid' is a process that cannot"
 kill -0 "$stale" && [[ "$(user_build)" == "$PKG_BUILD" ]] || fail "process stopped, or no upgrade"
-wait_for_client "$stale" >/dev/null || fail "the client did not start after the upgrade"
+old=$(wait_for_client "$stale") || fail "the client did not start after the upgrade"
+make_user_copy 120 && QPA= login "no progress dialog can be shown" DISPLAY= WAYLAND_DISPLAY=
+[[ $(user_build) == "$PKG_BUILD" ]] && wait_for_client "$old" >/dev/null || fail "no upgrade"
 cp "$ROOT/INFO" "$WORK/INFO" && echo garbage >"$ROOT/INFO"
 login "the package version file '$ROOT/INFO' holds no build number"
 mv "$WORK/INFO" "$ROOT/INFO" && rm "$APP_DIR/package/start-stop"

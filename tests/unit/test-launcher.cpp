@@ -88,3 +88,15 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(std::make_tuple(false, 0, "0 0 Corvane Quarn Client is initializing..."),
                       std::make_tuple(true, 0, "1 100 Corvane Quarn Client is ready."),
                       std::make_tuple(true, -1, "1 40 unpacking")));
+
+// Shown, the dialog is a window of its own size that offers no minimise or maximise: tiling
+// desktops float such a window and no desktop offers to resize it.
+TEST(ProcessingProgressDialogTest, ShownAtItsOwnFixedSize) {
+    App();
+    ProcessingProgressDialog dialog;
+    dialog.setCancelButton(nullptr);  // as the launcher does, before it is shown
+    dialog.show();
+    EXPECT_EQ(dialog.sizeHint().height(), dialog.height());
+    EXPECT_EQ(dialog.minimumSize(), dialog.maximumSize());
+    EXPECT_EQ(Qt::Window | Qt::WindowTitleHint | Qt::WindowSystemMenuHint, dialog.windowFlags());
+}
