@@ -92,6 +92,8 @@ void HandlerThread::run() {
 
 Worker::Worker() : thread(nullptr), service(nullptr), state(0), retries(3) {
     service = new LinuxService();
+    // The copy's progress reaches the dialog as the worker's own, queued like its other signals.
+    service->copy_progress = [this](int total, int done) { emit sigUpdateProgress(total, done); };
     thread = new HandlerThread();
     moveToThread(thread);
 }

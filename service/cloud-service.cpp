@@ -15,7 +15,6 @@
 #include <cstring>
 
 #include "extractor/extractor.h"
-#include "launcher/notify-adapter.h"
 #include "lib/desktop/ui-path-manager.h"
 #include "lib/file/file-op.h"
 #include "log/log.h"
@@ -96,6 +95,7 @@ void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
 
 // Progress of one package copy: files written of the files counted before it started.
 struct CopyProgress {
+    std::function<void(int total, int done)> report;  // may be empty: the counting still runs
     int total = 0;
     int done = 0;
     int shown = -1;  // the percentage last reported
@@ -132,8 +132,8 @@ int CountFiles(const std::string& path) {
     return files;
 }
 
-// One more file written: the bar moves through the progress relay, once per whole percent so
-// that a package of many small files does not flood the dialog with reports.
+// One more file written: reported once per whole percent, so that a package of many small files
+// does not flood the bar with reports.
 void CountCopied(CopyProgress* progress) {
     if (progress == nullptr || progress->total <= 0 || progress->done >= progress->total) {
         return;
@@ -142,7 +142,9 @@ void CountCopied(CopyProgress* progress) {
     const int percent = static_cast<int>(int64_t{progress->done} * 100 / progress->total);
     if (percent != progress->shown) {
         progress->shown = percent;
-        Notify_Adapter::GetInstance()->UpdateProgress(progress->total, progress->done);
+        if (progress->report) {
+            progress->report(progress->total, progress->done);
+        }
     }
 }
 
@@ -217,6 +219,7 @@ int Service::CopyPackage() {
     const std::string dest = PathUtf8("user_corvane_quarn_app_path");
     LOG_AT(INFO, kComponent, 134, "copy package:'%s' -> '%s' \n", source.c_str(), dest.c_str());
     CopyProgress progress;
+    progress.report = copy_progress;
     progress.total = CountFiles(source);
     return CopyPath(source, dest, &progress);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <functional>
 #include <string>
 
 // The upgrade service: decides, installs, migrates and starts the user's copy of the client.
@@ -32,6 +33,9 @@ public:
     std::string app_path;
     VersionInfo target_version;
     VersionInfo source_version;
+    // Told of every whole percent of the package copy (files written of files in all); the
+    // owner of the service decides where that goes.
+    std::function<void(int total, int done)> copy_progress;
 };
 
 struct PackageInfo {
