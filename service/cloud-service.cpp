@@ -23,21 +23,6 @@ namespace {
 
 const char* const kComponent = "service_debug";
 
-// Names of folder entries that a walk skips.
-bool IsDotEntry(const std::string& name) {
-    return name == "." || name == "..";
-}
-
-// What a listed entry is: as the listing says, or, where the file system does not say (0), as
-// the entry itself says, so that no folder of the package is ever copied as a file.
-int EntryType(const std::string& path, const DIR_ENTRY& entry) {
-    _FILE_INFO_tag info;
-    if (entry.type != FS_TYPE_MISSING || FSStat(path, info, false) < 0) {
-        return entry.type;
-    }
-    return info.type;
-}
-
 // A path in the system's own separators, as a narrow string.
 std::string NativePath(const QString& path) {
     return QDir::toNativeSeparators(path).toUtf8().toStdString();
@@ -101,37 +86,6 @@ struct CopyProgress {
     int shown = -1;  // the percentage last reported
 };
 
-// The next entry of a folder's listing but "." and "..": its name and whether it is a folder.
-// False at the end of the listing (also when reading it fails).
-bool NextEntry(DIR_HANDLE& handle, const std::string& folder, std::string& name, bool& is_folder) {
-    DIR_ENTRY entry;
-    while (FSReadDir(handle, entry) > 0) {
-        if (!IsDotEntry(entry.name)) {
-            name = entry.name;
-            is_folder = EntryType(folder + "/" + name, entry) == FS_TYPE_FOLDER;
-            return true;
-        }
-    }
-    return false;
-}
-
-// The files (every entry but folders) a copy of the folder will write. One listing pass with
-// no reading of file data, so it costs little beside the copy itself.
-int CountFiles(const std::string& path) {
-    DIR_HANDLE handle;
-    if (FSOpenDir(path, 0, handle) < 0) {
-        return 0;
-    }
-    int files = 0;
-    std::string name;
-    bool folder = false;
-    while (NextEntry(handle, path, name, folder)) {
-        files += folder ? CountFiles(path + "/" + name) : 1;
-    }
-    FSCloseDir(handle);
-    return files;
-}
-
 // One more file written: reported once per whole percent, so that a package of many small files
 // does not flood the bar with reports.
 void CountCopied(CopyProgress* progress) {
@@ -172,31 +126,27 @@ int CopyPath(const std::string& source, const std::string& dest, CopyProgress* p
                dest.c_str());
         return -1;
     }
-    DIR_HANDLE handle;
-    if (FSOpenDir(source, 0, handle) < 0) {
+    const int walked =
+        FSWalkFolder(source, false, [&](const std::string& s, const DIR_ENTRY& entry) {
+            const std::string d = dest + "/" + entry.name;
+            const bool folder = FSEntryType(s, entry) == FS_TYPE_FOLDER;
+            const int rc = folder ? CopyPath(s, d, progress) : FSCopy(s, d, false, true);
+            if (rc < 0) {
+                LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
+                       s.c_str(), d.c_str());
+                return false;
+            }
+            if (!folder) {
+                CountCopied(progress);
+            }
+            return true;
+        });
+    if (walked == FS_WALK_NOT_OPENED) {
         LOG_AT(WARNING, kComponent, 92,
                "FSCopyPath: failed to create handle  for src '%s' failed\n", source.c_str());
         return 0;
     }
-    int result = 0;
-    std::string name;
-    bool folder = false;
-    while (NextEntry(handle, source, name, folder)) {
-        const std::string s = source + "/" + name;
-        const std::string d = dest + "/" + name;
-        const int rc = folder ? CopyPath(s, d, progress) : FSCopy(s, d, false, true);
-        if (rc < 0) {
-            LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
-                   s.c_str(), d.c_str());
-            result = -1;
-            break;
-        }
-        if (!folder) {
-            CountCopied(progress);
-        }
-    }
-    FSCloseDir(handle);
-    return result;
+    return walked == FS_WALK_STOPPED ? -1 : 0;
 }
 
 }  // namespace
@@ -220,7 +170,7 @@ int Service::CopyPackage() {
     LOG_AT(INFO, kComponent, 134, "copy package:'%s' -> '%s' \n", source.c_str(), dest.c_str());
     CopyProgress progress;
     progress.report = copy_progress;
-    progress.total = CountFiles(source);
+    progress.total = FSCountFiles(source);
     return CopyPath(source, dest, &progress);
 }
 

@@ -244,8 +244,9 @@ bool FSIsParentFolder(const std::string& parent, const std::string& child) {
 
 DIR_HANDLE::DIR_HANDLE() : flags(0), dir(nullptr) {}
 
-// The owner closes the stream with FSCloseDir; the handle only lets go of its path.
-DIR_HANDLE::~DIR_HANDLE() {}
+DIR_HANDLE::~DIR_HANDLE() {
+    FSCloseDir(*this);
+}
 
 DIR_ENTRY::DIR_ENTRY() {
     Clear();
@@ -382,36 +383,39 @@ int FSRemove(const std::string& path, bool /*flag: has no effect*/) {
         return unlink(path.c_str()) == 0 ? 0 : -3;
 
     // A link to a folder has type 3 and went above: its target is never entered.
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr)
+    const int walked =
+        FSWalkFolder(path, true, [](const std::string& entry_path, const DIR_ENTRY&) {
+            return FSRemove(entry_path, false) == 0;
+        });
+    if (walked == FS_WALK_NOT_OPENED)
         return 0;  // unopenable folders are left alone on purpose
-    int result = 0;
-    while (const struct dirent* entry = readdir(dir)) {
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
-            continue;
-        if (FSRemove(path + "/" + entry->d_name, false) != 0) {
-            result = -3;
-            break;
-        }
-    }
-    closedir(dir);
-    if (result != 0)
-        return result;
+    if (walked == FS_WALK_STOPPED)
+        return -3;
     return rmdir(path.c_str()) == 0 ? 0 : -3;
 }
 
-int FSOpenDir(const std::string& path, int flags, DIR_HANDLE& handle) {
+namespace {
+
+// FSOpenDir, with its failure logged or not.
+int OpenFolder(const std::string& path, int flags, DIR_HANDLE& handle, bool quiet) {
     DIR* dir = opendir(path.c_str());
     if (dir == nullptr) {
         const int err = errno;
-        FS_LOG_AT(ERROR, 752, "FSOpenDir: Failed to open directory '%s'. %s\n", path.c_str(),
-                  strerror(err));
+        if (!quiet)
+            FS_LOG_AT(ERROR, 752, "FSOpenDir: Failed to open directory '%s'. %s\n", path.c_str(),
+                      strerror(err));
         return -1;
     }
     handle.dir = dir;
     handle.path = path;
     handle.flags = flags;
     return 0;
+}
+
+}  // namespace
+
+int FSOpenDir(const std::string& path, int flags, DIR_HANDLE& handle) {
+    return OpenFolder(path, flags, handle, false);
 }
 
 int FSReadDir(DIR_HANDLE& handle, DIR_ENTRY& entry) {
@@ -469,6 +473,45 @@ void FSCloseDir(DIR_HANDLE& handle) {
         closedir(handle.dir);
     handle.dir = nullptr;
     handle.path.clear();
+}
+
+int FSWalkFolder(
+    const std::string& folder, bool quiet,
+    const std::function<bool(const std::string& path, const DIR_ENTRY& entry)>& visit) {
+    DIR_HANDLE handle;
+    if (OpenFolder(folder, 0, handle, quiet) != 0)
+        return FS_WALK_NOT_OPENED;
+    int result = FS_WALK_DONE;
+    DIR_ENTRY entry;
+    while (FSReadDir(handle, entry) > 0) {
+        if (entry.name == "." || entry.name == "..")
+            continue;
+        if (!visit(folder + "/" + entry.name, entry)) {
+            result = FS_WALK_STOPPED;
+            break;
+        }
+    }
+    // The reason of a visit's failure stays in errno for the caller.
+    const int saved = errno;
+    FSCloseDir(handle);
+    errno = saved;
+    return result;
+}
+
+int FSEntryType(const std::string& path, const DIR_ENTRY& entry) {
+    _FILE_INFO_tag info;
+    if (entry.type != FS_TYPE_MISSING || FSStat(path, info, false) < 0)
+        return entry.type;
+    return info.type;
+}
+
+int FSCountFiles(const std::string& folder) {
+    int files = 0;
+    FSWalkFolder(folder, false, [&files](const std::string& path, const DIR_ENTRY& entry) {
+        files += FSEntryType(path, entry) == FS_TYPE_FOLDER ? FSCountFiles(path) : 1;
+        return true;
+    });
+    return files;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -592,25 +635,13 @@ namespace {
 int MoveFolderAcross(const std::string& source, const std::string& dest, bool follow) {
     if (FSMKDir(dest, true) != 0)
         return -3;
-    DIR* dir = opendir(source.c_str());
-    if (dir == nullptr)
+    // No roll-back: what moved stays moved.
+    const int walked = FSWalkFolder(
+        source, true, [&dest, follow](const std::string& path, const DIR_ENTRY& entry) {
+            return FSRename(path, dest + "/" + entry.name, follow) == 0;
+        });
+    if (walked != FS_WALK_DONE)
         return -3;
-    int result = 0;
-    while (const struct dirent* entry = readdir(dir)) {
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
-            continue;
-        const std::string name = entry->d_name;
-        // No roll-back: what moved stays moved.
-        if (FSRename(source + "/" + name, dest + "/" + name, follow) != 0) {
-            result = -3;
-            break;
-        }
-    }
-    const int saved = errno;
-    closedir(dir);
-    errno = saved;
-    if (result != 0)
-        return result;
     return rmdir(source.c_str()) == 0 ? 0 : -3;
 }
 

@@ -149,6 +149,36 @@ TEST_F(FileOpTest, Folders) {
     EXPECT_EQ(0, RunAsUnprivileged([&] { return -FSRemove(dir / "outside", false); }));
 }
 
+// A subfolder that cannot be opened midway: the walks go past it, the removal keeps it.
+TEST_F(FileOpTest, WalkPastASubfolderThatCannotBeOpened) {
+    WriteFile(dir / "w/closed/file", "x");
+    WriteFile(dir / "w/open", "x");
+    chmod((dir / "w").c_str(), 0777);
+    chmod((dir / "w/closed").c_str(), 0);
+    EXPECT_EQ(1, RunAsUnprivileged([&] { return FSCountFiles(dir / "w"); }));
+    EXPECT_EQ(3, RunAsUnprivileged([&] { return -FSRemove(dir / "w", false); }));
+    EXPECT_FALSE(IsFileExist(dir / "w/open", false));
+    EXPECT_TRUE(IsFileExist(dir / "w/closed/file", false));
+}
+
+// Entries removed and added while a folder is walked: every entry that was there is visited
+// once, and the walk ends.
+TEST_F(FileOpTest, WalkWhileTheListingChanges) {
+    for (int i = 0; i < 100; ++i)
+        WriteFile(dir / ("w/" + std::to_string(i)), "");
+    std::multiset<std::string> seen;
+    const auto visit = [&seen](const std::string& path, const DIR_ENTRY& entry) {
+        seen.insert(entry.name);
+        unlink(path.c_str());
+        if (entry.name.find('+') == std::string::npos)
+            WriteFile(path + "+", "");
+        return true;
+    };
+    EXPECT_EQ(FS_WALK_DONE, FSWalkFolder(dir / "w", false, visit));
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(1u, seen.count(std::to_string(i))) << i;
+}
+
 // Functions the upgrade never calls: a row a call and its result, in order. A time past 2038
 // keeps its low 32 bits; the same seed gives the same temporary names.
 TEST_F(FileOpTest, TheRestOfTheLayer) {
