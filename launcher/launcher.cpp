@@ -33,29 +33,25 @@ const int kStrInitializing = 716;  // "%1 is initializing..."
 // The connections are queued (the worker on its own thread, the adapter on this one), so only
 // the GUI thread touches the dialog. Nothing stops an upgrade half-way: no cancel button, and
 // closing the dialog (Esc, the window's close) only hides it; the work ends the application.
-Launcher::Launcher() {
-    worker = new Worker();
-    dialog = new ProcessingProgressDialog();
+Launcher::Launcher() : worker(std::make_unique<Worker>()) {
+    dialog = std::make_unique<ProcessingProgressDialog>();
     dialog->setCancelButton(nullptr);
     dialog->setAutoReset(false);
     dialog->setModal(false);
     dialog->setAttribute(Qt::WA_QuitOnClose, false);
     // clang-format off
-    connect(this, SIGNAL(sigStart()), worker, SLOT(HandleServicce()));
-    connect(worker, SIGNAL(sigShowMsg()), this, SLOT(ShowMsgBox()));
-    connect(worker, SIGNAL(sigServiceDone()), this, SLOT(LaunchDone()));
-    connect(worker, SIGNAL(sigUpdateProgress(int, int)), this, SLOT(UpdateProgress(int, int)));
-    connect(worker, SIGNAL(sigSetLabelText(QString)), this, SLOT(SetLabelText(QString)));
+    connect(this, SIGNAL(sigStart()), worker.get(), SLOT(HandleServicce()));
+    connect(worker.get(), SIGNAL(sigShowMsg()), this, SLOT(ShowMsgBox()));
+    connect(worker.get(), SIGNAL(sigServiceDone()), this, SLOT(LaunchDone()));
+    connect(worker.get(), SIGNAL(sigUpdateProgress(int, int)), this, SLOT(UpdateProgress(int, int)));
+    connect(worker.get(), SIGNAL(sigSetLabelText(QString)), this, SLOT(SetLabelText(QString)));
 
     connect(Notify_Adapter::GetInstance(), SIGNAL(sigUpdateProgress(int, int)), this, SLOT(UpdateProgress(int,int)));
     connect(Notify_Adapter::GetInstance(), SIGNAL(sigUpdateDialogText(QString)), this, SLOT(SetLabelText(QString)));
     // clang-format on
 }
 
-Launcher::~Launcher() {
-    delete worker;
-    delete dialog;
-}
+Launcher::~Launcher() = default;
 
 void Launcher::Run() {
     worker->StartThread();
@@ -90,18 +86,14 @@ void HandlerThread::run() {
     exec();
 }
 
-Worker::Worker() : thread(nullptr), service(nullptr), state(0), retries(3) {
-    service = new LinuxService();
+Worker::Worker()
+    : service(std::make_unique<LinuxService>()), thread(std::make_unique<HandlerThread>()) {
     // The copy's progress reaches the dialog as the worker's own, queued like its other signals.
     service->copy_progress = [this](int total, int done) { emit sigUpdateProgress(total, done); };
-    thread = new HandlerThread();
-    moveToThread(thread);
+    moveToThread(thread.get());
 }
 
-Worker::~Worker() {
-    delete thread;
-    delete service;
-}
+Worker::~Worker() = default;
 
 void Worker::StartThread() {
     thread->start(QThread::InheritPriority);

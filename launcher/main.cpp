@@ -97,12 +97,11 @@ void initialize_logger() {
 }
 
 void initializeLanguage(QtSingleApplication& app) {
-    QTranslator* translator = new QTranslator();
+    // The application owns the translator, which is used as long as the application runs.
+    auto* translator = new QTranslator(&app);
     const QString code = VeskLocale::getInstance()->getDefaultLanguage();
     if (translator->load(":/" + code + ".qm", "", "", "") && !translator->isEmpty()) {
-        app.installTranslator(translator);  // lives until the process ends
-    } else {
-        delete translator;
+        app.installTranslator(translator);
     }
     StrTable::InitStrTable();
     QApplication::setFont(QFont(code == "tha" ? "Microsoft Sans Serif" : "Arial", 9));
@@ -121,10 +120,9 @@ int main(int argc, char** argv) {
     }
     initializeLanguage(app);
 
-    Launcher* launcher = new Launcher();
-    launcher->Run();
-    launcher->Start();
-    const int result = QApplication::exec();
-    delete launcher;
-    return result;
+    // Goes before main returns, after the event loop has ended.
+    Launcher launcher;
+    launcher.Run();
+    launcher.Start();
+    return QApplication::exec();
 }

@@ -56,7 +56,8 @@ struct FakeService : Service {
 
 struct LauncherTestAccess : ::testing::TestWithParam<std::tuple<bool, int, std::string>> {
     static void Use(Launcher& l, FakeService* s) {
-        delete l.worker->service, l.worker->service = s, s->dialog = l.dialog;
+        l.worker->service.reset(s);
+        s->dialog = l.dialog.get();
     }
 };
 
