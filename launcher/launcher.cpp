@@ -82,10 +82,6 @@ void Launcher::LaunchDone() {
     QCoreApplication::quit();
 }
 
-void HandlerThread::run() {
-    exec();
-}
-
 Worker::Worker()
     : service(std::make_unique<LinuxService>()), thread(std::make_unique<HandlerThread>()) {
     // The copy's progress reaches the dialog as the worker's own, queued like its other signals.
@@ -200,7 +196,6 @@ ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr) 
     setLabelText(
         StrTable::LoadStr(kStrInitializing).arg(StrTable::LoadStr(kStrClientName), 0, ' '));
     setFont(font);
-    setModal(true);
     setWindowModality(Qt::WindowModal);
     setFixedWidth(static_cast<int>(DPIinfo::getInstance()->getDPI() * 400.0));
     setStyleSheet(DPIinfo::getInstance()->getScaledStyleSheet(

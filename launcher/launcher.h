@@ -36,11 +36,9 @@ private:
     std::unique_ptr<Worker> worker;
 };
 
-// The event loop the worker lives on.
+// The event loop the worker lives on (QThread's own run() serves the queued calls).
 class HandlerThread : public QThread {
     Q_OBJECT
-protected:
-    void run() override;
 };
 
 // Takes the service through one login's sequence on its own thread.

@@ -151,7 +151,7 @@ int CopyPath(const std::string& source, const std::string& dest, CopyProgress* p
 
 }  // namespace
 
-// Nothing reads the timeout; it starts at 0 so that no copy of a service carries garbage.
+// The timeout starts at 0 so that no copy of a service carries garbage.
 Service::Service() : timeout(0) {}
 
 Service::~Service() = default;

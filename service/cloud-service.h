@@ -5,6 +5,8 @@
 #include <string>
 
 // The upgrade service: decides, installs, migrates and starts the user's copy of the client.
+// The declarations are the design's as they stand, also SetTimeout and timeout, which nothing
+// reads.
 class Service {
 public:
     struct VersionInfo {

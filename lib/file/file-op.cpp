@@ -51,20 +51,23 @@ namespace {
 
 // Type code of a mode word, or -1 for type bits the layer does not know.
 int TypeFromMode(uint32_t mode) {
-    const uint32_t kind = mode & 0xF000;
-    if (kind == 0x8000)
-        return FS_TYPE_FILE;
-    if (kind == 0x4000)
-        return FS_TYPE_FOLDER;
-    if ((mode & 0xB000) == 0x2000)
-        return FS_TYPE_DEVICE;  // character and block devices
-    if (kind == 0xA000)
-        return FS_TYPE_LINK;
-    if (kind == 0x1000)
-        return FS_TYPE_FIFO;
-    if (kind == 0xC000)
-        return FS_TYPE_SOCKET;
-    return -1;
+    switch (mode & S_IFMT) {
+        case S_IFREG:
+            return FS_TYPE_FILE;
+        case S_IFDIR:
+            return FS_TYPE_FOLDER;
+        case S_IFCHR:
+        case S_IFBLK:
+            return FS_TYPE_DEVICE;
+        case S_IFLNK:
+            return FS_TYPE_LINK;
+        case S_IFIFO:
+            return FS_TYPE_FIFO;
+        case S_IFSOCK:
+            return FS_TYPE_SOCKET;
+        default:
+            return -1;
+    }
 }
 
 // True when the path, followed through links, is a folder.

@@ -29,7 +29,6 @@ int BuildNumber(const std::string& build) {
 }  // namespace
 
 LinuxService::LinuxService() {
-    timeout = 10000;
     app_path = PathUtf8("user_corvane_quarn_app_path");
 }
 
