@@ -182,8 +182,7 @@ void ProcessingProgressDialog::showEvent(QShowEvent* event) {
 
 ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr) {
     const QFont font = QApplication::font();
-    const QString icon_path =
-        UIPathManager::getInstance()->getPath("root_resource_path") + "/images/ico_72_nimbrel.png";
+    const QString icon_path = GetPath(PathKey::kRootResource) + "/images/ico_72_nimbrel.png";
     setWindowTitle(StrTable::LoadStr(kStrClientName));
     setWindowIcon(IconFromPng(icon_path));
     // Title and system menu only: no minimise or maximise button.

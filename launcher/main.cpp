@@ -20,10 +20,6 @@ namespace {
 
 const char kComponent[] = "launcher_debug";
 
-QString GetPath(const char* key) {
-    return UIPathManager::getInstance()->getPath(key);
-}
-
 // The launcher draws nothing with OpenGL, yet on X11 Qt loads a GL driver for its first window
 // (Mesa's software one where there is no GPU): time, memory and a library that leaves leaks
 // behind when it is unloaded. Unless the user chose a GL integration, the launcher's own
@@ -66,8 +62,8 @@ void initializeQuarnPaths() {
 
 void initialize_logger() {
     const std::string level_file =
-        (GetPath("root_resource_path") + "/log/launcher.debug").toUtf8().toStdString();
-    const QString log_dir = GetPath("user_corvane_quarn_path") + "/log";
+        (GetPath(PathKey::kRootResource) + "/log/launcher.debug").toUtf8().toStdString();
+    const QString log_dir = GetPath(PathKey::kUserQuarn) + "/log";
     if (!QDir("").mkpath(log_dir)) {
         return;
     }
@@ -80,19 +76,19 @@ void initialize_logger() {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
     LOG_AT(INFO, kComponent, 106, ">>> user_nimbrel_path = %s\n",
-           GetPath("user_nimbrel_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrel).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 107, ">>> user_nimbrel_app_path = %s\n",
-           GetPath("user_nimbrel_app_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelApp).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 108, ">>> user_nimbrel_resource_path = %s\n",
-           GetPath("user_nimbrel_resource_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelResource).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 109, ">>> user_nimbrel_data_path = %s\n",
-           GetPath("user_nimbrel_data_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelData).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 110, ">>> user_nimbrel_working_dir_path = %s\n",
-           GetPath("user_nimbrel_working_dir_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelWorkingDir).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 111, ">>> user_nimbrel_quarn_ui_path = %s\n",
-           GetPath("user_nimbrel_quarn_ui_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelQuarnUi).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 112, ">>> root_resource_path = %s\n",
-           GetPath("root_resource_path").toStdWString().c_str());
+           GetPath(PathKey::kRootResource).toStdWString().c_str());
 #pragma GCC diagnostic pop
 }
 

@@ -165,8 +165,8 @@ int Service::FSCopyPath(const std::string& source, const std::string& dest) {
 }
 
 int Service::CopyPackage() {
-    const std::string source = PathUtf8("root_resource_path") + "/package/nimbrel";
-    const std::string dest = PathUtf8("user_corvane_quarn_app_path");
+    const std::string source = PathUtf8(PathKey::kRootResource) + "/package/nimbrel";
+    const std::string dest = PathUtf8(PathKey::kUserQuarnApp);
     LOG_AT(INFO, kComponent, 134, "copy package:'%s' -> '%s' \n", source.c_str(), dest.c_str());
     CopyProgress progress;
     progress.report = copy_progress;
@@ -175,8 +175,8 @@ int Service::CopyPackage() {
 }
 
 int Service::ExtractPackage() {
-    const std::string source = PathUtf8("root_resource_path") + "/package/nimbrel.vbx";
-    const std::string dest = PathUtf8("user_corvane_quarn_app_path");
+    const std::string source = PathUtf8(PathKey::kRootResource) + "/package/nimbrel.vbx";
+    const std::string dest = PathUtf8(PathKey::kUserQuarnApp);
     if (FSMKDir(dest, true) < 0) {
         LOG_AT(ERROR, kComponent, 149, "failed to create folder: '%s'\n", dest.c_str());
         return -1;
@@ -189,7 +189,7 @@ int Service::ExtractPackage() {
 }
 
 void Service::LoadSourceVersion() {
-    const std::string path = PathUtf8("user_corvane_quarn_resource_path") + "/INFO";
+    const std::string path = PathUtf8(PathKey::kUserQuarnResource) + "/INFO";
     if (!IsFileExist(path, false)) {
         LOG_AT(INFO, kComponent, 172, "source does not exist\n");
         return;
@@ -202,7 +202,7 @@ void Service::LoadSourceVersion() {
 
 void Service::LoadTargetVersion() {
     // A missing package INFO simply yields no keys: the package then counts as build 0.
-    const std::string path = PathUtf8("root_resource_path") + "/INFO";
+    const std::string path = PathUtf8(PathKey::kRootResource) + "/INFO";
     const bool readable = access(path.c_str(), R_OK) == 0;
     const int err = errno;
     ReadVersionInfo(path, target_version);
@@ -271,10 +271,8 @@ int Service::PrepareUserEnv() {
 }
 
 void Service::MigrateService() {
-    UIPathManager* paths = UIPathManager::getInstance();
-    const std::string old_path = NativePath(paths->getPath(QStringLiteral("user_nimbrel_path")));
-    const std::string new_path =
-        NativePath(paths->getPath(QStringLiteral("user_corvane_quarn_path")));
+    const std::string old_path = NativePath(GetPath(PathKey::kUserNimbrel));
+    const std::string new_path = NativePath(GetPath(PathKey::kUserQuarn));
     if (!IsFileExist(new_path, true) && FSMKDir(new_path, true) < 0) {
         LOG_AT(ERROR, kComponent, 278, "Failed to create Corvane Quarn folder\n");
         return;
@@ -291,7 +289,7 @@ void Service::MigrateService() {
 }
 
 void Service::RemoveAgedFolders() {
-    const std::string path = PathUtf8("user_nimbrel_path") + "/app";
+    const std::string path = PathUtf8(PathKey::kUserNimbrel) + "/app";
     LOG_AT(INFO, kComponent, 301, "removing aged app folder %s\n", path.c_str());
     FSRemove(path, false);
 }

@@ -17,6 +17,19 @@ enum FSType : int32_t {
     FS_TYPE_SOCKET = 7,
 };
 
+// Results of the layer's operations: 0 for success, a negative code for a failure. Which failure
+// a code names depends on the operation, as said beside each.
+enum FSResult : int {
+    FS_OK = 0,
+    FS_FAILED = -1,           // an empty path, an information, open, read or write failure
+    FS_NO_INFO = -2,          // FSStat: the information cannot be read
+    FS_NOT_CREATED = -2,      // FSMKDir: a creation failed
+    FS_NO_SPACE = -2,         // FSCopy: the disk is full or the quota exhausted
+    FS_NO_SOURCE = -2,        // FSRename: the source is missing or its information unreadable
+    FS_NOT_DONE = -3,         // FSRemove: a removal failed; FSRename: any other failure
+    FS_NAME_TOO_LONG = -100,  // FSRename
+};
+
 // File information record; its type is one of the FSType codes.
 struct _FILE_INFO_tag {
     std::string path;
