@@ -161,24 +161,6 @@ TEST_F(FileOpTest, WalkPastASubfolderThatCannotBeOpened) {
     EXPECT_TRUE(IsFileExist(dir / "w/closed/file", false));
 }
 
-// Entries removed and added while a folder is walked: every entry that was there is visited
-// once, and the walk ends.
-TEST_F(FileOpTest, WalkWhileTheListingChanges) {
-    for (int i = 0; i < 100; ++i)
-        WriteFile(dir / ("w/" + std::to_string(i)), "");
-    std::multiset<std::string> seen;
-    const auto visit = [&seen](const std::string& path, const DIR_ENTRY& entry) {
-        seen.insert(entry.name);
-        unlink(path.c_str());
-        if (entry.name.find('+') == std::string::npos)
-            WriteFile(path + "+", "");
-        return true;
-    };
-    EXPECT_EQ(FS_WALK_DONE, FSWalkFolder(dir / "w", false, visit));
-    for (int i = 0; i < 100; ++i)
-        EXPECT_EQ(1u, seen.count(std::to_string(i))) << i;
-}
-
 // Functions the upgrade never calls: a row a call and its result, in order. A time past 2038
 // keeps its low 32 bits; the same seed gives the same temporary names.
 TEST_F(FileOpTest, TheRestOfTheLayer) {
