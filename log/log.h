@@ -39,8 +39,8 @@ public:
                         ConfigFlag flags);
 
 private:
-    // The internal operations and members below keep the names the design gives them, also
-    // those with little left to do (InitializeFileLock, log_flock: no lock across processes).
+    // The internal operations and members below keep their published names, also those with
+    // little left to do (InitializeFileLock, log_flock: there is no lock across processes).
     static int InitializeLock();
     static void DestroyLock();
     static void Lock();

@@ -5,8 +5,8 @@
 #include <string>
 
 // The upgrade service: decides, installs, migrates and starts the user's copy of the client.
-// The declarations are the design's as they stand, also SetTimeout and timeout, which nothing
-// reads.
+// Its declarations are the published interface and stay as they are, also SetTimeout and
+// timeout, which nothing reads.
 class Service {
 public:
     struct VersionInfo {
