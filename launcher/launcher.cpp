@@ -34,29 +34,25 @@ const int kStrInitializing = 716;  // "%1 is initializing..."
 // The connections are queued (the worker on its own thread, the adapter on this one), so only
 // the GUI thread touches the dialog. Nothing stops an upgrade half-way: no cancel button, and
 // closing the dialog (Esc, the window's close) only hides it; the work ends the application.
-Launcher::Launcher() {
-    worker = new Worker();
-    dialog = new ProcessingProgressDialog();
+Launcher::Launcher() : worker(std::make_unique<Worker>()) {
+    dialog = std::make_unique<ProcessingProgressDialog>();
     dialog->setCancelButton(nullptr);
     dialog->setAutoReset(false);
     dialog->setModal(false);
     dialog->setAttribute(Qt::WA_QuitOnClose, false);
     // clang-format off
-    connect(this, SIGNAL(sigStart()), worker, SLOT(HandleServicce()));
-    connect(worker, SIGNAL(sigShowMsg()), this, SLOT(ShowMsgBox()));
-    connect(worker, SIGNAL(sigServiceDone()), this, SLOT(LaunchDone()));
-    connect(worker, SIGNAL(sigUpdateProgress(int, int)), this, SLOT(UpdateProgress(int, int)));
-    connect(worker, SIGNAL(sigSetLabelText(QString)), this, SLOT(SetLabelText(QString)));
+    connect(this, SIGNAL(sigStart()), worker.get(), SLOT(HandleServicce()));
+    connect(worker.get(), SIGNAL(sigShowMsg()), this, SLOT(ShowMsgBox()));
+    connect(worker.get(), SIGNAL(sigServiceDone()), this, SLOT(LaunchDone()));
+    connect(worker.get(), SIGNAL(sigUpdateProgress(int, int)), this, SLOT(UpdateProgress(int, int)));
+    connect(worker.get(), SIGNAL(sigSetLabelText(QString)), this, SLOT(SetLabelText(QString)));
 
     connect(Notify_Adapter::GetInstance(), SIGNAL(sigUpdateProgress(int, int)), this, SLOT(UpdateProgress(int,int)));
     connect(Notify_Adapter::GetInstance(), SIGNAL(sigUpdateDialogText(QString)), this, SLOT(SetLabelText(QString)));
     // clang-format on
 }
 
-Launcher::~Launcher() {
-    delete worker;
-    delete dialog;
-}
+Launcher::~Launcher() = default;
 
 void Launcher::Run() {
     worker->StartThread();
@@ -87,20 +83,14 @@ void Launcher::LaunchDone() {
     QCoreApplication::quit();
 }
 
-void HandlerThread::run() {
-    exec();
+Worker::Worker()
+    : service(std::make_unique<LinuxService>()), thread(std::make_unique<HandlerThread>()) {
+    // The copy's progress reaches the dialog as the worker's own, queued like its other signals.
+    service->copy_progress = [this](int total, int done) { emit sigUpdateProgress(total, done); };
+    moveToThread(thread.get());
 }
 
-Worker::Worker() : thread(nullptr), service(nullptr), state(0), retries(3) {
-    service = new LinuxService();
-    thread = new HandlerThread();
-    moveToThread(thread);
-}
-
-Worker::~Worker() {
-    delete thread;
-    delete service;
-}
+Worker::~Worker() = default;
 
 void Worker::StartThread() {
     thread->start(QThread::InheritPriority);
@@ -245,8 +235,7 @@ void ProcessingProgressDialog::showEvent(QShowEvent* event) {
 
 ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr) {
     const QFont font = QApplication::font();
-    const QString icon_path =
-        UIPathManager::getInstance()->getPath("root_resource_path") + "/images/ico_72_nimbrel.png";
+    const QString icon_path = GetPath(PathKey::kRootResource) + "/images/ico_72_nimbrel.png";
     setWindowTitle(StrTable::LoadStr(kStrClientName));
     setWindowIcon(IconFromPng(icon_path));
     // Title and system menu only: no minimise or maximise button.
@@ -259,7 +248,6 @@ ProcessingProgressDialog::ProcessingProgressDialog() : QProgressDialog(nullptr) 
     setLabelText(
         StrTable::LoadStr(kStrInitializing).arg(StrTable::LoadStr(kStrClientName), 0, ' '));
     setFont(font);
-    setModal(true);
     setWindowModality(Qt::WindowModal);
     setFixedWidth(static_cast<int>(DPIinfo::getInstance()->getDPI() * 400.0));
     setStyleSheet(DPIinfo::getInstance()->getScaledStyleSheet(

@@ -5,7 +5,7 @@
 #include <QString>
 #include <QThread>
 
-#include <cstdint>
+#include <memory>
 
 class Service;
 class Worker;
@@ -31,15 +31,14 @@ private slots:
 
 private:
     friend struct LauncherTestAccess;
-    Worker* worker;
-    ProcessingProgressDialog* dialog;
+    // Declared in this order so that the worker goes first, then the dialog.
+    std::unique_ptr<ProcessingProgressDialog> dialog;
+    std::unique_ptr<Worker> worker;
 };
 
-// The event loop the worker lives on.
+// The event loop the worker lives on (QThread's own run() serves the queued calls).
 class HandlerThread : public QThread {
     Q_OBJECT
-protected:
-    void run() override;
 };
 
 // Takes the service through one login's sequence on its own thread.
@@ -63,10 +62,9 @@ private slots:
 
 private:
     friend struct LauncherTestAccess;
-    HandlerThread* thread;
-    Service* service;
-    int32_t state;
-    int32_t retries;
+    // Declared in this order so that the thread goes first, then the service.
+    std::unique_ptr<Service> service;
+    std::unique_ptr<HandlerThread> thread;
 };
 
 // The progress window shown while the user's copy is replaced.

@@ -23,10 +23,6 @@ namespace {
 const char kComponent[] = "launcher_debug";
 const char kDesktopFile[] = "cloud-quarn-launcher";
 
-QString GetPath(const char* key) {
-    return UIPathManager::getInstance()->getPath(key);
-}
-
 // The launcher draws nothing with OpenGL, yet on X11 Qt loads a GL driver for its first window
 // (Mesa's software one where there is no GPU): time, memory and a library that leaves leaks
 // behind when it is unloaded. Unless the user chose a GL integration, the launcher's own
@@ -124,8 +120,8 @@ void initializeQuarnPaths() {
 
 void initialize_logger() {
     const std::string level_file =
-        (GetPath("root_resource_path") + "/log/launcher.debug").toUtf8().toStdString();
-    const QString log_dir = GetPath("user_corvane_quarn_path") + "/log";
+        (GetPath(PathKey::kRootResource) + "/log/launcher.debug").toUtf8().toStdString();
+    const QString log_dir = GetPath(PathKey::kUserQuarn) + "/log";
     if (!QDir("").mkpath(log_dir)) {
         return;
     }
@@ -138,29 +134,28 @@ void initialize_logger() {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
     LOG_AT(INFO, kComponent, 106, ">>> user_nimbrel_path = %s\n",
-           GetPath("user_nimbrel_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrel).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 107, ">>> user_nimbrel_app_path = %s\n",
-           GetPath("user_nimbrel_app_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelApp).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 108, ">>> user_nimbrel_resource_path = %s\n",
-           GetPath("user_nimbrel_resource_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelResource).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 109, ">>> user_nimbrel_data_path = %s\n",
-           GetPath("user_nimbrel_data_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelData).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 110, ">>> user_nimbrel_working_dir_path = %s\n",
-           GetPath("user_nimbrel_working_dir_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelWorkingDir).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 111, ">>> user_nimbrel_quarn_ui_path = %s\n",
-           GetPath("user_nimbrel_quarn_ui_path").toStdWString().c_str());
+           GetPath(PathKey::kUserNimbrelQuarnUi).toStdWString().c_str());
     LOG_AT(INFO, kComponent, 112, ">>> root_resource_path = %s\n",
-           GetPath("root_resource_path").toStdWString().c_str());
+           GetPath(PathKey::kRootResource).toStdWString().c_str());
 #pragma GCC diagnostic pop
 }
 
 void initializeLanguage(QtSingleApplication& app) {
-    QTranslator* translator = new QTranslator();
+    // The application owns the translator, which is used as long as the application runs.
+    auto* translator = new QTranslator(&app);
     const QString code = VeskLocale::getInstance()->getDefaultLanguage();
     if (translator->load(":/" + code + ".qm", "", "", "") && !translator->isEmpty()) {
-        app.installTranslator(translator);  // lives until the process ends
-    } else {
-        delete translator;
+        app.installTranslator(translator);
     }
     StrTable::InitStrTable();
     QApplication::setFont(QFont(code == "tha" ? "Microsoft Sans Serif" : "Arial", 9));
@@ -184,10 +179,9 @@ int main(int argc, char** argv) {
     platform.Report();
     initializeLanguage(app);
 
-    Launcher* launcher = new Launcher();
-    launcher->Run();
-    launcher->Start();
-    const int result = QApplication::exec();
-    delete launcher;
-    return result;
+    // Goes before main returns, after the event loop has ended.
+    Launcher launcher;
+    launcher.Run();
+    launcher.Start();
+    return QApplication::exec();
 }

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <new>
 
 #include "service/config.h"
 
@@ -44,10 +43,11 @@ int Logger::log_flock = -1;
 Logger::InitConfig Logger::config;
 FILE* Logger::log_fp = stderr;
 std::string Logger::log_path;
-int32_t* Logger::log_size = nullptr;
-uint64_t* Logger::log_rotated_count_shared = nullptr;
+int32_t Logger::log_size = 0;
+uint64_t Logger::log_rotated_count_shared = 0;
 uint64_t Logger::log_rotated_count_private = 0;
-pthread_mutex_t* Logger::log_lock = nullptr;
+pthread_mutex_t Logger::log_lock = PTHREAD_MUTEX_INITIALIZER;
+bool Logger::log_lock_used = false;
 std::unordered_map<std::string, int> Logger::log_level;
 
 int Logger::Initialize(Type type, const std::string& log_path, const std::string& level_config_path,
@@ -72,8 +72,6 @@ int Logger::Initialize(const InitConfig& cfg) {
 
     InitializeLock();
     InitializeSharedData();
-    if (!log_size || !log_rotated_count_shared)
-        return -1;
 
     log_level["default_component"] = WARNING;
 
@@ -98,8 +96,8 @@ int Logger::Initialize(const InitConfig& cfg) {
                      : config.type == TYPE_STDOUT ? stdout
                                                   : stderr;
             log_path.clear();
-            *log_size = -1;
-            *log_rotated_count_shared = 0;
+            log_size = -1;
+            log_rotated_count_shared = 0;
             log_rotated_count_private = 0;
             log_initialized = true;
             return 0;
@@ -113,9 +111,9 @@ int Logger::Initialize(const InitConfig& cfg) {
     if (!fp)
         return -1;
     log_fp = fp;
-    *log_rotated_count_shared = 0;
+    log_rotated_count_shared = 0;
     log_rotated_count_private = 0;
-    *log_size = GetFileSize(log_path);
+    log_size = GetFileSize(log_path);
     log_initialized = true;
     return 0;
 }
@@ -249,15 +247,15 @@ int Logger::FlushFileStream(int written) {
 }
 
 int Logger::RotateIfFileBig(int written) {
-    if (config.type != TYPE_FILE || written < 0 || !log_size)
+    if (config.type != TYPE_FILE || written < 0)
         return 0;
     // Counted, not re-read: a stat per line would cost more than the line itself.
-    const int64_t size = static_cast<int64_t>(*log_size) + written;
-    *log_size = static_cast<int32_t>(size);
+    const int64_t size = static_cast<int64_t>(log_size) + written;
+    log_size = static_cast<int32_t>(size);
     if (size <= kRotateSize)
         return 0;
     int rc = Rotate();
-    *log_size = 0;
+    log_size = 0;
     return rc;
 }
 
@@ -277,8 +275,7 @@ int Logger::Rotate() {
     if (!fp)
         return -1;
     log_fp = fp;
-    if (log_rotated_count_shared)
-        ++*log_rotated_count_shared;
+    ++log_rotated_count_shared;
     ++log_rotated_count_private;
     return 0;
 }
@@ -286,17 +283,15 @@ int Logger::Rotate() {
 void Logger::ReloadLogFile() {
     if (config.type != TYPE_FILE || config.safety_scope < SCOPE_PROCESS)
         return;
-    if (!log_rotated_count_shared || *log_rotated_count_shared == log_rotated_count_private) {
+    if (log_rotated_count_shared == log_rotated_count_private)
         return;
-    }
     // Another writer rotated the file: follow it to the new live file.
     CloseLogStream(log_fp);
     log_fp = OpenForAppend(log_path);
     if (!log_fp)
         return;
-    if (log_size)
-        *log_size = GetFileSize(log_path);
-    log_rotated_count_private = *log_rotated_count_shared;
+    log_size = GetFileSize(log_path);
+    log_rotated_count_private = log_rotated_count_shared;
 }
 
 int Logger::GetFileSize(const std::string& path) {
@@ -316,47 +311,33 @@ int Logger::InitializeFileLock() {
 
 int Logger::InitializeLock() {
     InitializeFileLock();
-    if (config.safety_scope >= SCOPE_THREAD && !log_lock) {
-        pthread_mutex_t* lock = new (std::nothrow) pthread_mutex_t;
-        if (!lock)
-            return -1;
-        pthread_mutex_init(lock, nullptr);
-        log_lock = lock;
-    }
+    if (config.safety_scope >= SCOPE_THREAD)
+        log_lock_used = true;
     return 0;
 }
 
 void Logger::DestroyLock() {
-    if (!log_lock)
-        return;
-    pthread_mutex_destroy(log_lock);
-    delete log_lock;
-    log_lock = nullptr;
+    log_lock_used = false;
 }
 
 void Logger::Lock() {
-    if (log_lock)
-        pthread_mutex_lock(log_lock);
+    if (log_lock_used)
+        pthread_mutex_lock(&log_lock);
 }
 
 void Logger::Unlock() {
-    if (log_lock)
-        pthread_mutex_unlock(log_lock);
+    if (log_lock_used)
+        pthread_mutex_unlock(&log_lock);
 }
 
+// The counters are plain members; a fresh configuration starts them at 0.
 int Logger::InitializeSharedData() {
-    if (log_size && log_rotated_count_shared)
-        return 0;
-    if (!log_size)
-        log_size = new (std::nothrow) int32_t(0);
-    if (!log_rotated_count_shared)
-        log_rotated_count_shared = new (std::nothrow) uint64_t(0);
-    return log_size && log_rotated_count_shared ? 0 : -1;
+    log_size = 0;
+    log_rotated_count_shared = 0;
+    return 0;
 }
 
 void Logger::DestroySharedData() {
-    delete log_size;
-    log_size = nullptr;
-    delete log_rotated_count_shared;
-    log_rotated_count_shared = nullptr;
+    log_size = 0;
+    log_rotated_count_shared = 0;
 }

@@ -39,6 +39,8 @@ public:
                         ConfigFlag flags);
 
 private:
+    // The internal operations and members below keep their published names, also those with
+    // little left to do (InitializeFileLock, log_flock: there is no lock across processes).
     static int InitializeLock();
     static void DestroyLock();
     static void Lock();
@@ -59,10 +61,11 @@ private:
     static InitConfig config;
     static FILE* log_fp;
     static std::string log_path;
-    static int32_t* log_size;                   // characters in the live file; -1 for streams
-    static uint64_t* log_rotated_count_shared;  // rotations seen by every writer
+    static int32_t log_size;                    // characters in the live file; -1 for streams
+    static uint64_t log_rotated_count_shared;   // rotations seen by every writer
     static uint64_t log_rotated_count_private;  // rotations this writer has caught up with
-    static pthread_mutex_t* log_lock;
+    static pthread_mutex_t log_lock;
+    static bool log_lock_used;  // the writers take log_lock (the safety scope asks for it)
     static std::unordered_map<std::string, int> log_level;
 };
 

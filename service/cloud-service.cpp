@@ -14,7 +14,6 @@
 #include <cstring>
 
 #include "extractor/extractor.h"
-#include "launcher/notify-adapter.h"
 #include "lib/desktop/ui-path-manager.h"
 #include "lib/file/file-op.h"
 #include "log/log.h"
@@ -22,21 +21,6 @@
 namespace {
 
 const char* const kComponent = "service_debug";
-
-// Names of folder entries that a walk skips.
-bool IsDotEntry(const std::string& name) {
-    return name == "." || name == "..";
-}
-
-// What a listed entry is: as the listing says, or, where the file system does not say (0), as
-// the entry itself says, so that no folder of the package is ever copied as a file.
-int EntryType(const std::string& path, const DIR_ENTRY& entry) {
-    _FILE_INFO_tag info;
-    if (entry.type != FS_TYPE_MISSING || FSStat(path, info, false) < 0) {
-        return entry.type;
-    }
-    return info.type;
-}
 
 // A path in the system's own separators, as a narrow string.
 std::string NativePath(const QString& path) {
@@ -94,44 +78,14 @@ void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
 
 // Progress of one package copy: files written of the files counted before it started.
 struct CopyProgress {
+    std::function<void(int total, int done)> report;  // may be empty: the counting still runs
     int total = 0;
     int done = 0;
     int shown = -1;  // the percentage last reported
 };
 
-// The next entry of a folder's listing but "." and "..": its name and whether it is a folder.
-// False at the end of the listing (also when reading it fails).
-bool NextEntry(DIR_HANDLE& handle, const std::string& folder, std::string& name, bool& is_folder) {
-    DIR_ENTRY entry;
-    while (FSReadDir(handle, entry) > 0) {
-        if (!IsDotEntry(entry.name)) {
-            name = entry.name;
-            is_folder = EntryType(folder + "/" + name, entry) == FS_TYPE_FOLDER;
-            return true;
-        }
-    }
-    return false;
-}
-
-// The files (every entry but folders) a copy of the folder will write. One listing pass with
-// no reading of file data, so it costs little beside the copy itself.
-int CountFiles(const std::string& path) {
-    DIR_HANDLE handle;
-    if (FSOpenDir(path, 0, handle) < 0) {
-        return 0;
-    }
-    int files = 0;
-    std::string name;
-    bool folder = false;
-    while (NextEntry(handle, path, name, folder)) {
-        files += folder ? CountFiles(path + "/" + name) : 1;
-    }
-    FSCloseDir(handle);
-    return files;
-}
-
-// One more file written: the bar moves through the progress relay, once per whole percent so
-// that a package of many small files does not flood the dialog with reports.
+// One more file written: reported once per whole percent, so that a package of many small files
+// does not flood the bar with reports.
 void CountCopied(CopyProgress* progress) {
     if (progress == nullptr || progress->total <= 0 || progress->done >= progress->total) {
         return;
@@ -140,7 +94,9 @@ void CountCopied(CopyProgress* progress) {
     const int percent = static_cast<int>(int64_t{progress->done} * 100 / progress->total);
     if (percent != progress->shown) {
         progress->shown = percent;
-        Notify_Adapter::GetInstance()->UpdateProgress(progress->total, progress->done);
+        if (progress->report) {
+            progress->report(progress->total, progress->done);
+        }
     }
 }
 
@@ -168,36 +124,32 @@ int CopyPath(const std::string& source, const std::string& dest, CopyProgress* p
                dest.c_str());
         return -1;
     }
-    DIR_HANDLE handle;
-    if (FSOpenDir(source, 0, handle) < 0) {
+    const int walked =
+        FSWalkFolder(source, false, [&](const std::string& s, const DIR_ENTRY& entry) {
+            const std::string d = dest + "/" + entry.name;
+            const bool folder = FSEntryType(s, entry) == FS_TYPE_FOLDER;
+            const int rc = folder ? CopyPath(s, d, progress) : FSCopy(s, d, false, true);
+            if (rc < 0) {
+                LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
+                       s.c_str(), d.c_str());
+                return false;
+            }
+            if (!folder) {
+                CountCopied(progress);
+            }
+            return true;
+        });
+    if (walked == FS_WALK_NOT_OPENED) {
         LOG_AT(WARNING, kComponent, 92,
                "FSCopyPath: failed to create handle  for src '%s' failed\n", source.c_str());
         return 0;
     }
-    int result = 0;
-    std::string name;
-    bool folder = false;
-    while (NextEntry(handle, source, name, folder)) {
-        const std::string s = source + "/" + name;
-        const std::string d = dest + "/" + name;
-        const int rc = folder ? CopyPath(s, d, progress) : FSCopy(s, d, false, true);
-        if (rc < 0) {
-            LOG_AT(ERROR, kComponent, 116, "FSCopyPath: failed to copy from '%s' to '%s'\n",
-                   s.c_str(), d.c_str());
-            result = -1;
-            break;
-        }
-        if (!folder) {
-            CountCopied(progress);
-        }
-    }
-    FSCloseDir(handle);
-    return result;
+    return walked == FS_WALK_STOPPED ? -1 : 0;
 }
 
 }  // namespace
 
-// Nothing reads the timeout; it starts at 0 so that no copy of a service carries garbage.
+// The timeout starts at 0 so that no copy of a service carries garbage.
 Service::Service() : timeout(0) {}
 
 Service::~Service() = default;
@@ -211,17 +163,18 @@ int Service::FSCopyPath(const std::string& source, const std::string& dest) {
 }
 
 int Service::CopyPackage() {
-    const std::string source = PathUtf8("root_resource_path") + "/package/nimbrel";
-    const std::string dest = PathUtf8("user_corvane_quarn_app_path");
+    const std::string source = PathUtf8(PathKey::kRootResource) + "/package/nimbrel";
+    const std::string dest = PathUtf8(PathKey::kUserQuarnApp);
     LOG_AT(INFO, kComponent, 134, "copy package:'%s' -> '%s' \n", source.c_str(), dest.c_str());
     CopyProgress progress;
-    progress.total = CountFiles(source);
+    progress.report = copy_progress;
+    progress.total = FSCountFiles(source);
     return CopyPath(source, dest, &progress);
 }
 
 int Service::ExtractPackage() {
-    const std::string source = PathUtf8("root_resource_path") + "/package/nimbrel.vbx";
-    const std::string dest = PathUtf8("user_corvane_quarn_app_path");
+    const std::string source = PathUtf8(PathKey::kRootResource) + "/package/nimbrel.vbx";
+    const std::string dest = PathUtf8(PathKey::kUserQuarnApp);
     if (FSMKDir(dest, true) < 0) {
         LOG_AT(ERROR, kComponent, 149, "failed to create folder: '%s'\n", dest.c_str());
         return -1;
@@ -234,7 +187,7 @@ int Service::ExtractPackage() {
 }
 
 void Service::LoadSourceVersion() {
-    const std::string path = PathUtf8("user_corvane_quarn_resource_path") + "/INFO";
+    const std::string path = PathUtf8(PathKey::kUserQuarnResource) + "/INFO";
     if (!IsFileExist(path, false)) {
         LOG_AT(INFO, kComponent, 172, "source does not exist\n");
         return;
@@ -247,7 +200,7 @@ void Service::LoadSourceVersion() {
 
 void Service::LoadTargetVersion() {
     // A missing package INFO simply yields no keys: the package then counts as build 0.
-    const std::string path = PathUtf8("root_resource_path") + "/INFO";
+    const std::string path = PathUtf8(PathKey::kRootResource) + "/INFO";
     const bool readable = access(path.c_str(), R_OK) == 0;
     const int err = errno;
     ReadVersionInfo(path, target_version);
@@ -316,10 +269,8 @@ int Service::PrepareUserEnv() {
 }
 
 void Service::MigrateService() {
-    UIPathManager* paths = UIPathManager::getInstance();
-    const std::string old_path = NativePath(paths->getPath(QStringLiteral("user_nimbrel_path")));
-    const std::string new_path =
-        NativePath(paths->getPath(QStringLiteral("user_corvane_quarn_path")));
+    const std::string old_path = NativePath(GetPath(PathKey::kUserNimbrel));
+    const std::string new_path = NativePath(GetPath(PathKey::kUserQuarn));
     if (!IsFileExist(new_path, true) && FSMKDir(new_path, true) < 0) {
         LOG_AT(ERROR, kComponent, 278, "Failed to create Corvane Quarn folder\n");
         return;
@@ -336,7 +287,7 @@ void Service::MigrateService() {
 }
 
 void Service::RemoveAgedFolders() {
-    const std::string path = PathUtf8("user_nimbrel_path") + "/app";
+    const std::string path = PathUtf8(PathKey::kUserNimbrel) + "/app";
     LOG_AT(INFO, kComponent, 301, "removing aged app folder %s\n", path.c_str());
     FSRemove(path, false);
 }

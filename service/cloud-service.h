@@ -1,9 +1,12 @@
 #pragma once
 
 #include <QString>
+#include <functional>
 #include <string>
 
 // The upgrade service: decides, installs, migrates and starts the user's copy of the client.
+// Its declarations are the published interface and stay as they are, also SetTimeout and
+// timeout, which nothing reads.
 class Service {
 public:
     struct VersionInfo {
@@ -32,6 +35,9 @@ public:
     std::string app_path;
     VersionInfo target_version;
     VersionInfo source_version;
+    // Told of every whole percent of the package copy (files written of files in all); the
+    // owner of the service decides where that goes.
+    std::function<void(int total, int done)> copy_progress;
 };
 
 struct PackageInfo {

@@ -16,8 +16,12 @@ QString UIPathManager::getPath(const QString& key) {
     return paths.value(key);
 }
 
+QString GetPath(const char* key) {
+    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key));
+}
+
 std::string PathUtf8(const char* key) {
-    return UIPathManager::getInstance()->getPath(QString::fromLatin1(key)).toUtf8().toStdString();
+    return GetPath(key).toUtf8().toStdString();
 }
 
 void FillQuarnPathTable(const std::function<QString()>& user_install_root,
@@ -26,18 +30,18 @@ void FillQuarnPathTable(const std::function<QString()>& user_install_root,
         const char* key;
         const char* below_root;
     } kUserPaths[] = {
-        {"user_corvane_quarn_path", "/.CorvaneQuarn"},
-        {"user_corvane_quarn_app_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
-        {"user_corvane_quarn_resource_path", "/.CorvaneQuarn/CorvaneQuarn.app"},
-        {"user_corvane_quarn_data_path", "/.CorvaneQuarn/data"},
-        {"user_corvane_quarn_working_dir_path", "/.CorvaneQuarn/CorvaneQuarn.app/bin"},
-        {"user_corvane_quarn_ui_path", "/.CorvaneQuarn/CorvaneQuarn.app/bin/cloud-quarn-ui"},
-        {"user_nimbrel_path", "/.Nimbrel"},
-        {"user_nimbrel_resource_path", "/.Nimbrel/Nimbrel.app"},
+        {PathKey::kUserQuarn, "/.CorvaneQuarn"},
+        {PathKey::kUserQuarnApp, "/.CorvaneQuarn/CorvaneQuarn.app"},
+        {PathKey::kUserQuarnResource, "/.CorvaneQuarn/CorvaneQuarn.app"},
+        {PathKey::kUserQuarnData, "/.CorvaneQuarn/data"},
+        {PathKey::kUserQuarnWorkingDir, "/.CorvaneQuarn/CorvaneQuarn.app/bin"},
+        {PathKey::kUserQuarnUi, "/.CorvaneQuarn/CorvaneQuarn.app/bin/cloud-quarn-ui"},
+        {PathKey::kUserNimbrel, "/.Nimbrel"},
+        {PathKey::kUserNimbrelResource, "/.Nimbrel/Nimbrel.app"},
     };
     UIPathManager* paths = UIPathManager::getInstance();
     for (const auto& entry : kUserPaths) {
         paths->setPath(entry.key, QDir::cleanPath(user_install_root() + entry.below_root));
     }
-    paths->setPath("root_resource_path", QDir::cleanPath(launcher_dir + "/.."));
+    paths->setPath(PathKey::kRootResource, QDir::cleanPath(launcher_dir + "/.."));
 }

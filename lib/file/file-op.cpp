@@ -51,20 +51,23 @@ namespace {
 
 // Type code of a mode word, or -1 for type bits the layer does not know.
 int TypeFromMode(uint32_t mode) {
-    const uint32_t kind = mode & 0xF000;
-    if (kind == 0x8000)
-        return FS_TYPE_FILE;
-    if (kind == 0x4000)
-        return FS_TYPE_FOLDER;
-    if ((mode & 0xB000) == 0x2000)
-        return FS_TYPE_DEVICE;  // character and block devices
-    if (kind == 0xA000)
-        return FS_TYPE_LINK;
-    if (kind == 0x1000)
-        return FS_TYPE_FIFO;
-    if (kind == 0xC000)
-        return FS_TYPE_SOCKET;
-    return -1;
+    switch (mode & S_IFMT) {
+        case S_IFREG:
+            return FS_TYPE_FILE;
+        case S_IFDIR:
+            return FS_TYPE_FOLDER;
+        case S_IFCHR:
+        case S_IFBLK:
+            return FS_TYPE_DEVICE;
+        case S_IFLNK:
+            return FS_TYPE_LINK;
+        case S_IFIFO:
+            return FS_TYPE_FIFO;
+        case S_IFSOCK:
+            return FS_TYPE_SOCKET;
+        default:
+            return -1;
+    }
 }
 
 // True when the path, followed through links, is a folder.
@@ -126,7 +129,7 @@ int GetFileInfo(const std::string& path, _FILE_INFO_tag& info) {
     struct stat st;
     if (lstat(path.c_str(), &st) != 0) {
         if (errno != ENOENT)
-            return -1;
+            return FS_FAILED;
         // A missing path is an answer, not a failure.
         info.exists = false;
         info.name = FSBaseName(path);
@@ -152,15 +155,15 @@ int GetFileInfo(const std::string& path, _FILE_INFO_tag& info) {
     info.dev = st.st_dev;
     const int type = TypeFromMode(st.st_mode);
     if (type < 0)
-        return -1;
+        return FS_FAILED;
     info.type = type;
     return 0;
 }
 
 int FSStat(const std::string& path, _FILE_INFO_tag& info, bool /*follow: links never followed*/) {
     if (path.empty())
-        return -1;
-    return GetFileInfo(path, info) == 0 ? 0 : -2;
+        return FS_FAILED;
+    return GetFileInfo(path, info) == 0 ? 0 : FS_NO_INFO;
 }
 
 bool IsFileExist(const std::string& path, bool /*follow: links never followed*/) {
@@ -187,7 +190,7 @@ int FSUTime(const std::string& path, long atime, long mtime) {
     times[0].tv_usec = 0;
     times[1].tv_sec = mtime;
     times[1].tv_usec = 0;
-    return lutimes(path.c_str(), times) == 0 ? 0 : -1;
+    return lutimes(path.c_str(), times) == 0 ? 0 : FS_FAILED;
 }
 
 bool FSTimeEqual(long a, long b) {
@@ -233,7 +236,7 @@ int FSGetRealPath(std::string& path) {
     FS_LOG_AT(DEBUG, 933, " org path [%s]\n", path.c_str());
     char resolved[8192];
     if (realpath(path.c_str(), resolved) == nullptr)
-        return -1;
+        return FS_FAILED;
     path = resolved;
     FS_LOG_AT(DEBUG, 960, " get full path [%s]\n", path.c_str());
     return 0;
@@ -253,8 +256,9 @@ bool FSIsParentFolder(const std::string& parent, const std::string& child) {
 
 DIR_HANDLE::DIR_HANDLE() : flags(0), dir(nullptr) {}
 
-// The owner closes the stream with FSCloseDir; the handle only lets go of its path.
-DIR_HANDLE::~DIR_HANDLE() {}
+DIR_HANDLE::~DIR_HANDLE() {
+    FSCloseDir(*this);
+}
 
 DIR_ENTRY::DIR_ENTRY() {
     Clear();
@@ -312,14 +316,14 @@ int MakeFolderChain(const std::string& path) {
         if (!ok) {
             const int err = errno;
             FS_LOG_AT(ERROR, 570, "path = %s errno : %s\n", path.c_str(), strerror(err));
-            return -2;
+            return FS_NOT_CREATED;
         }
         done = last;
     }
     if (!done && !MakeLevel(chain.c_str(), true)) {
         const int err = errno;
         FS_LOG_AT(ERROR, 570, "path = %s errno : %s\n", path.c_str(), strerror(err));
-        return -2;
+        return FS_NOT_CREATED;
     }
     return 0;
 }
@@ -328,11 +332,11 @@ int MakeFolderChain(const std::string& path) {
 
 int FSMKDir(const std::string& path, bool recursive) {
     if (path.empty())
-        return -1;
+        return FS_FAILED;
     _FILE_INFO_tag info;
     if (GetFileInfo(path, info) != 0) {
         FS_LOG_AT(ERROR, 553, "FSMKDir: Failed to to file info '%s'\n", path.c_str());
-        return -1;
+        return FS_FAILED;
     }
     if (info.exists) {
         if (info.type == FS_TYPE_FOLDER)
@@ -341,7 +345,7 @@ int FSMKDir(const std::string& path, bool recursive) {
         FS_LOG_AT(ERROR, 560,
                   "FSMKDir: Create a folder but local file system is not directory '%s' (%d)\n",
                   path.c_str(), info.type);
-        return -1;
+        return FS_FAILED;
     }
     if (recursive)
         return MakeFolderChain(path);
@@ -353,19 +357,19 @@ int FSMKDir(const std::string& path, bool recursive) {
         return 0;
     FS_LOG_AT(ERROR, 583, "path = %s errno : %s\n", path.c_str(), strerror(err));
     errno = err;
-    return -2;
+    return FS_NOT_CREATED;
 }
 
 int FSMKDirFromRoot(const std::string& target, const std::string& root) {
     if (root.size() > target.size()) {
         FS_LOG_AT(ERROR, 604, "Giving a root '%s' whose length is larger then target's '%s'.\n",
                   root.c_str(), target.c_str());
-        return -1;
+        return FS_FAILED;
     }
     if (!FSIsParentFolder(root, target)) {
         FS_LOG_AT(ERROR, 609, "root '%s' is not a parent folder of target '%s'\n", root.c_str(),
                   target.c_str());
-        return -1;
+        return FS_FAILED;
     }
     const std::string rest = target.substr(root.size());
     std::string current;
@@ -374,53 +378,56 @@ int FSMKDirFromRoot(const std::string& target, const std::string& root) {
         current = (slash == std::string::npos) ? rest : rest.substr(0, slash);
         FS_LOG_AT(DEBUG, 618, "FSMKDirFromRoot: create %s\n", current.c_str());
         if (FSMKDir(root + current, false) < 0)
-            return -1;
+            return FS_FAILED;
     }
     return 0;
 }
 
 int FSRemove(const std::string& path, bool /*flag: has no effect*/) {
     if (path.empty())
-        return -1;
+        return FS_FAILED;
     _FILE_INFO_tag info;
     if (GetFileInfo(path, info) != 0)
-        return -1;
+        return FS_FAILED;
     if (!info.exists)
         return 0;
     if (info.type != FS_TYPE_FOLDER)
-        return unlink(path.c_str()) == 0 ? 0 : -3;
+        return unlink(path.c_str()) == 0 ? 0 : FS_NOT_DONE;
 
     // A link to a folder has type 3 and went above: its target is never entered.
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr)
+    const int walked =
+        FSWalkFolder(path, true, [](const std::string& entry_path, const DIR_ENTRY&) {
+            return FSRemove(entry_path, false) == 0;
+        });
+    if (walked == FS_WALK_NOT_OPENED)
         return 0;  // unopenable folders are left alone on purpose
-    int result = 0;
-    while (const struct dirent* entry = readdir(dir)) {
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
-            continue;
-        if (FSRemove(path + "/" + entry->d_name, false) != 0) {
-            result = -3;
-            break;
-        }
-    }
-    closedir(dir);
-    if (result != 0)
-        return result;
-    return rmdir(path.c_str()) == 0 ? 0 : -3;
+    if (walked == FS_WALK_STOPPED)
+        return FS_NOT_DONE;
+    return rmdir(path.c_str()) == 0 ? 0 : FS_NOT_DONE;
 }
 
-int FSOpenDir(const std::string& path, int flags, DIR_HANDLE& handle) {
+namespace {
+
+// FSOpenDir, with its failure logged or not.
+int OpenFolder(const std::string& path, int flags, DIR_HANDLE& handle, bool quiet) {
     DIR* dir = opendir(path.c_str());
     if (dir == nullptr) {
         const int err = errno;
-        FS_LOG_AT(ERROR, 752, "FSOpenDir: Failed to open directory '%s'. %s\n", path.c_str(),
-                  strerror(err));
-        return -1;
+        if (!quiet)
+            FS_LOG_AT(ERROR, 752, "FSOpenDir: Failed to open directory '%s'. %s\n", path.c_str(),
+                      strerror(err));
+        return FS_FAILED;
     }
     handle.dir = dir;
     handle.path = path;
     handle.flags = flags;
     return 0;
+}
+
+}  // namespace
+
+int FSOpenDir(const std::string& path, int flags, DIR_HANDLE& handle) {
+    return OpenFolder(path, flags, handle, false);
 }
 
 int FSReadDir(DIR_HANDLE& handle, DIR_ENTRY& entry) {
@@ -437,7 +444,7 @@ int FSReadDir(DIR_HANDLE& handle, DIR_ENTRY& entry) {
         _FILE_INFO_tag info;
         if (FSStat(full, info, true) != 0) {
             FS_LOG_AT(ERROR, 780, "FSOpenDir: Failed to get info for '%s'\n", full.c_str());
-            return -1;
+            return FS_FAILED;
         }
         mtime = info.mtime;
         size = info.size;
@@ -478,6 +485,45 @@ void FSCloseDir(DIR_HANDLE& handle) {
         closedir(handle.dir);
     handle.dir = nullptr;
     handle.path.clear();
+}
+
+int FSWalkFolder(
+    const std::string& folder, bool quiet,
+    const std::function<bool(const std::string& path, const DIR_ENTRY& entry)>& visit) {
+    DIR_HANDLE handle;
+    if (OpenFolder(folder, 0, handle, quiet) != 0)
+        return FS_WALK_NOT_OPENED;
+    int result = FS_WALK_DONE;
+    DIR_ENTRY entry;
+    while (FSReadDir(handle, entry) > 0) {
+        if (entry.name == "." || entry.name == "..")
+            continue;
+        if (!visit(folder + "/" + entry.name, entry)) {
+            result = FS_WALK_STOPPED;
+            break;
+        }
+    }
+    // The reason of a visit's failure stays in errno for the caller.
+    const int saved = errno;
+    FSCloseDir(handle);
+    errno = saved;
+    return result;
+}
+
+int FSEntryType(const std::string& path, const DIR_ENTRY& entry) {
+    _FILE_INFO_tag info;
+    if (entry.type != FS_TYPE_MISSING || FSStat(path, info, false) < 0)
+        return entry.type;
+    return info.type;
+}
+
+int FSCountFiles(const std::string& folder) {
+    int files = 0;
+    FSWalkFolder(folder, false, [&files](const std::string& path, const DIR_ENTRY& entry) {
+        files += FSEntryType(path, entry) == FS_TYPE_FOLDER ? FSCountFiles(path) : 1;
+        return true;
+    });
+    return files;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -523,14 +569,14 @@ int CopyContents(int in, int out) {
             if (err == EINTR)
                 continue;
             FS_LOG(ERROR, "CopyFile: read: %s (%d)\n", strerror(err), err);
-            return -1;
+            return FS_FAILED;
         }
         if (got == 0)
             return 0;
         if (!WriteAll(out, buffer, static_cast<size_t>(got))) {
             const int err = errno;
             FS_LOG(ERROR, "CopyFile: write: %s (%d)\n", strerror(err), err);
-            return (err == ENOSPC || err == EDQUOT) ? -2 : -1;
+            return (err == ENOSPC || err == EDQUOT) ? FS_NO_SPACE : FS_FAILED;
         }
     }
 }
@@ -554,14 +600,14 @@ int FSCopy(const std::string& source, const std::string& dest, bool remove_sourc
     const int in = open(source.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (in < 0) {
         LogOpenFailure(source);
-        return -1;
+        return FS_FAILED;
     }
     struct stat opened;
     if (fstat(in, &opened) == 0 && IsSpecialFile(opened.st_mode)) {
         FS_LOG(ERROR, "CopyFile: '%s' is not a regular file, not copied\n", source.c_str());
         close(in);
         errno = EINVAL;
-        return -1;
+        return FS_FAILED;
     }
     mode_t mode = 0644;
     if (keep_mode) {
@@ -570,7 +616,7 @@ int FSCopy(const std::string& source, const std::string& dest, bool remove_sourc
         if (FSStat(source, info, true) != 0) {
             FS_LOG(ERROR, "FSStat: check state (%s) failed\n", source.c_str());
             CloseKeepErrno(in);
-            return -1;
+            return FS_FAILED;
         }
         mode = static_cast<mode_t>(info.mode);
     }
@@ -580,7 +626,7 @@ int FSCopy(const std::string& source, const std::string& dest, bool remove_sourc
     if (out < 0) {
         LogOpenFailure(dest);
         CloseKeepErrno(in);
-        return -1;
+        return FS_FAILED;
     }
     // A failed copy leaves the partial destination where it is: the caller decides.
     const int copied = CopyContents(in, out);
@@ -592,7 +638,7 @@ int FSCopy(const std::string& source, const std::string& dest, bool remove_sourc
     close(in);
     const int removed = remove(source.c_str());
     CloseKeepErrno(out);
-    return removed == 0 ? 0 : -1;
+    return removed == 0 ? 0 : FS_FAILED;
 }
 
 namespace {
@@ -600,44 +646,32 @@ namespace {
 // Moves a folder's contents one by one to another device, then the folder itself.
 int MoveFolderAcross(const std::string& source, const std::string& dest, bool follow) {
     if (FSMKDir(dest, true) != 0)
-        return -3;
-    DIR* dir = opendir(source.c_str());
-    if (dir == nullptr)
-        return -3;
-    int result = 0;
-    while (const struct dirent* entry = readdir(dir)) {
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
-            continue;
-        const std::string name = entry->d_name;
-        // No roll-back: what moved stays moved.
-        if (FSRename(source + "/" + name, dest + "/" + name, follow) != 0) {
-            result = -3;
-            break;
-        }
-    }
-    const int saved = errno;
-    closedir(dir);
-    errno = saved;
-    if (result != 0)
-        return result;
-    return rmdir(source.c_str()) == 0 ? 0 : -3;
+        return FS_NOT_DONE;
+    // No roll-back: what moved stays moved.
+    const int walked = FSWalkFolder(
+        source, true, [&dest, follow](const std::string& path, const DIR_ENTRY& entry) {
+            return FSRename(path, dest + "/" + entry.name, follow) == 0;
+        });
+    if (walked != FS_WALK_DONE)
+        return FS_NOT_DONE;
+    return rmdir(source.c_str()) == 0 ? 0 : FS_NOT_DONE;
 }
 
 }  // namespace
 
 int FSRename(const std::string& source, const std::string& dest, bool follow) {
     if (source.empty() || dest.empty())
-        return -1;
+        return FS_FAILED;
     _FILE_INFO_tag info;
     if (FSStat(source, info, follow) != 0 || !info.exists)
-        return -2;
+        return FS_NO_SOURCE;
     if (rename(source.c_str(), dest.c_str()) == 0)
         return 0;
     const int err = errno;
     if (err == ENAMETOOLONG)
-        return -100;
+        return FS_NAME_TOO_LONG;
     if (err != EXDEV)
-        return -3;
+        return FS_NOT_DONE;
 
     // The error text is passed in, so nothing the logger does can change it.
     FS_LOG(DEBUG, "rename failed: %s -> %s, %s (%d)\n", source.c_str(), dest.c_str(), strerror(err),
@@ -645,13 +679,13 @@ int FSRename(const std::string& source, const std::string& dest, bool follow) {
     switch (info.type) {
         case FS_TYPE_FILE:
             // Copied with 0644 whatever the source had: the execute bits do not survive.
-            return FSCopy(source, dest, true, false) < 0 ? -3 : 0;
+            return FSCopy(source, dest, true, false) < 0 ? FS_NOT_DONE : 0;
         case FS_TYPE_FOLDER:
             return MoveFolderAcross(source, dest, follow);
         default:
             // Links, devices, FIFOs and sockets never move across devices.
             errno = err;
-            return -3;
+            return FS_NOT_DONE;
     }
 }
 
@@ -667,7 +701,7 @@ int FSMktemp(const std::string& dir, std::string& out_path) {
         // The system may have left random letters in the buffer: report the template itself.
         snprintf(name, sizeof(name), "%s/XXXXXX", dir.c_str());
         FS_LOG(ERROR, "mkstemp(%s): %s\n", name, strerror(err));
-        return -1;
+        return FS_FAILED;
     }
     close(fd);
     out_path = name;
@@ -677,7 +711,7 @@ int FSMktemp(const std::string& dir, std::string& out_path) {
 
 int FSCreateTempPath(const std::string& dir, std::string& out_path) {
     out_path = TmpNameGen::getInstance().getTmpPath(dir);
-    return out_path.empty() ? -1 : 0;
+    return out_path.empty() ? FS_FAILED : 0;
 }
 
 namespace {
@@ -692,13 +726,13 @@ int SyncPath(const std::string& path, int (*sync)(int), const char* who, const c
         if (err == ENOENT && missing_ok)
             return 1;
         FS_LOG(ERROR, "%s: open(%s): %s (%d)\n", who, path.c_str(), strerror(err), err);
-        return -1;
+        return FS_FAILED;
     }
     if (sync(fd) != 0) {
         const int err = errno;
         FS_LOG(ERROR, "%s: %s(%s): %s (%d)\n", who, call, path.c_str(), strerror(err), err);
         CloseKeepErrno(fd);
-        return -1;
+        return FS_FAILED;
     }
     close(fd);
     return 0;
@@ -722,7 +756,7 @@ int FSCreateSymbolicLink(const std::string& target, const std::string& link_path
            "FSCreateSymbolicLink: Failed to create symbolic link '%s' -> '%s' (code: %d, msg: "
            "%s)\n",
            target.c_str(), link_path.c_str(), err, strerror(err));
-    return -1;
+    return FS_FAILED;
 }
 
 int FSReadSymbolicLink(const std::string& link_path, std::string& out_target) {
@@ -733,13 +767,13 @@ int FSReadSymbolicLink(const std::string& link_path, std::string& out_target) {
         const int err = errno;
         FS_LOG(ERROR, "FSReadSymbolicLink: Failed to read symbolic link '%s' (code: %d, msg: %s)\n",
                link_path.c_str(), err, strerror(err));
-        return -1;
+        return FS_FAILED;
     }
     if (length >= kLinkBuffer) {
         // The contents may have been cut.
         FS_LOG(ERROR, "FSReadSymbolicLink: path of '%s' is more than %d\n", link_path.c_str(),
                kLinkBuffer);
-        return -1;
+        return FS_FAILED;
     }
     out_target.assign(contents, static_cast<size_t>(length));
     return 0;
@@ -752,7 +786,7 @@ int FSChown(const std::string& path, uint32_t uid, uint32_t gid) {
     const int err = errno;
     FS_LOG(ERROR, "FSChown: Failed to chown '%s' (code: %d, msg: %s)\n", path.c_str(), err,
            strerror(err));
-    return -1;
+    return FS_FAILED;
 }
 
 int FSChmod(const std::string& path, uint32_t mode) {
@@ -761,5 +795,5 @@ int FSChmod(const std::string& path, uint32_t mode) {
     const int err = errno;
     FS_LOG(ERROR, "FSChmod: Failed to chmod '%s' (code: %d, msg: %s)\n", path.c_str(), err,
            strerror(err));
-    return -1;
+    return FS_FAILED;
 }

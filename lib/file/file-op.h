@@ -3,6 +3,7 @@
 #include <dirent.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 // Type codes of _FILE_INFO_tag::type and DIR_ENTRY::type (4 is not used).
@@ -14,6 +15,19 @@ enum FSType : int32_t {
     FS_TYPE_DEVICE = 5,
     FS_TYPE_FIFO = 6,
     FS_TYPE_SOCKET = 7,
+};
+
+// Results of the layer's operations: 0 for success, a negative code for a failure. Which failure
+// a code names depends on the operation, as said beside each.
+enum FSResult : int {
+    FS_OK = 0,
+    FS_FAILED = -1,           // an empty path, an information, open, read or write failure
+    FS_NO_INFO = -2,          // FSStat: the information cannot be read
+    FS_NOT_CREATED = -2,      // FSMKDir: a creation failed
+    FS_NO_SPACE = -2,         // FSCopy: the disk is full or the quota exhausted
+    FS_NO_SOURCE = -2,        // FSRename: the source is missing or its information unreadable
+    FS_NOT_DONE = -3,         // FSRemove: a removal failed; FSRename: any other failure
+    FS_NAME_TOO_LONG = -100,  // FSRename
 };
 
 // File information record; its type is one of the FSType codes.
@@ -51,12 +65,15 @@ bool IsMSDOS(const std::string& path);
 int FSGetRealPath(std::string& path);
 bool FSIsParentFolder(const std::string& parent, const std::string& child);
 
+// An open folder listing; it closes itself when it goes, so it is never copied.
 struct DIR_HANDLE {
     std::string path;
     int32_t flags;
     DIR* dir;
     DIR_HANDLE();
     ~DIR_HANDLE();
+    DIR_HANDLE(const DIR_HANDLE&) = delete;
+    DIR_HANDLE& operator=(const DIR_HANDLE&) = delete;
 };
 struct DIR_ENTRY {
     std::string name;
@@ -73,6 +90,24 @@ int FSRemove(const std::string& path, bool flag);
 int FSOpenDir(const std::string& path, int flags, DIR_HANDLE& handle);
 int FSReadDir(DIR_HANDLE& handle, DIR_ENTRY& entry);
 void FSCloseDir(DIR_HANDLE& handle);
+
+// Results of FSWalkFolder.
+enum FSWalk : int {
+    FS_WALK_NOT_OPENED = -1,  // the folder could not be opened: nothing visited
+    FS_WALK_DONE = 0,         // the listing ended (a read error of the listing ends it too)
+    FS_WALK_STOPPED = 1,      // a visit asked to stop
+};
+// Visits the entries of one folder but "." and "..", in the order the system lists them, with
+// the entry's path (folder + "/" + name), until visit returns false. A folder that cannot be
+// opened is logged as FSOpenDir logs it, unless quiet. Not recursive: a visit recurses itself.
+int FSWalkFolder(const std::string& folder, bool quiet,
+                 const std::function<bool(const std::string& path, const DIR_ENTRY& entry)>& visit);
+// A listed entry's type code; where the file system does not report one (0), the entry's own
+// information decides, so that a folder is never taken for a file.
+int FSEntryType(const std::string& path, const DIR_ENTRY& entry);
+// The files (every entry but folders, also below subfolders) a copy of the folder writes; 0 for
+// a folder that cannot be opened. Lists only: no file data is read.
+int FSCountFiles(const std::string& folder);
 int FSCopy(const std::string& source, const std::string& dest, bool remove_source, bool keep_mode);
 int FSRename(const std::string& source, const std::string& dest, bool follow);
 int FSMktemp(const std::string& dir, std::string& out_path);

@@ -142,8 +142,7 @@ bool CanHaveWritten(const std::string& pidfile, pid_t pid, long long ticks, int6
 }  // namespace
 
 LinuxService::LinuxService() {
-    timeout = 10000;
-    app_path = PathUtf8("user_corvane_quarn_app_path");
+    app_path = PathUtf8(PathKey::kUserQuarnApp);
 }
 
 void LinuxService::LoadSourceVerInfo() {
@@ -164,7 +163,7 @@ void LinuxService::PreUpgrade() {
 }
 
 void LinuxService::StopService() {
-    const std::string pidfile = PathUtf8("user_corvane_quarn_path") + "/ui.pid";
+    const std::string pidfile = PathUtf8(PathKey::kUserQuarn) + "/ui.pid";
     if (!IsFileExist(pidfile, false)) {
         LOG_AT(DEBUG, kComponent, 76, "pid file '%s' does not exist, no need to terminate\n",
                pidfile.c_str());
@@ -248,7 +247,7 @@ void LinuxService::StopService() {
 
 bool LinuxService::PerUserBinPathExist() {
     // access() follows links: a dangling link to the UI counts as missing.
-    return access(PathUtf8("user_corvane_quarn_ui_path").c_str(), F_OK) == 0;
+    return access(PathUtf8(PathKey::kUserQuarnUi).c_str(), F_OK) == 0;
 }
 
 bool LinuxService::IsNeedUpgrade() {

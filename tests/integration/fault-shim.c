@@ -24,7 +24,10 @@ __attribute__((constructor)) static void Init(void) {
 }
 __attribute__((destructor)) static void Report(void) {
     FILE* out = fopen(getenv("FAULT_COUNT") ? getenv("FAULT_COUNT") : "/dev/null", "w");
-    out ? fprintf(out, "%ld\n", calls), fclose(out) : 0;
+    if (out) {
+        fprintf(out, "%ld\n", calls);
+        fclose(out);
+    }
 }
 
 static int Under(const char* p) {  // a function: the wrapped calls' paths are declared nonnull
@@ -32,7 +35,9 @@ static int Under(const char* p) {  // a function: the wrapped calls' paths are d
 }
 #define WATCHED(fd) ((fd) >= 0 && (fd) < 65536 && watched[fd])
 static int Watch(int fd, int on) {
-    return fd >= 0 && fd < 65536 ? watched[fd] = on, fd : fd;
+    if (fd >= 0 && fd < 65536)
+        watched[fd] = on;
+    return fd;
 }
 // Counts a watched call; true (errno set) when this one fails, or no return when it is killed.
 static int Fail(int on) {
@@ -40,7 +45,8 @@ static int Fail(int on) {
         return 0;
     if (mode == 2)
         raise(SIGKILL);
-    return errno = err, 1;
+    errno = err;
+    return 1;
 }
 
 #define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
@@ -72,15 +78,21 @@ int close(int fd) {
 }
 DIR* opendir(const char* p) {
     DIR* d = Fail(Under(p)) ? NULL : REAL(opendir)(p);
-    return (void)(d && Watch(dirfd(d), Under(p))), d;
+    if (d)
+        Watch(dirfd(d), Under(p));
+    return d;
 }
 struct dirent* readdir(DIR* d) {
     return Fail(WATCHED(dirfd(d))) ? NULL : REAL(readdir)(d);
 }
 int closedir(DIR* d) {
-    return Watch(dirfd(d), 0), REAL(closedir)(d);
+    Watch(dirfd(d), 0);
+    return REAL(closedir)(d);
 }
 ssize_t copy_file_range(int in, loff_t* a, int out, loff_t* b, size_t n, unsigned f) {
-    return WATCHED(in) || WATCHED(out) ? (errno = EXDEV, -1)
-                                       : REAL(copy_file_range)(in, a, out, b, n, f);
+    if (WATCHED(in) || WATCHED(out)) {
+        errno = EXDEV;
+        return -1;
+    }
+    return REAL(copy_file_range)(in, a, out, b, n, f);
 }

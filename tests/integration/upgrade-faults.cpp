@@ -35,9 +35,12 @@ TEST(UpgradeFaults, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
     testsupport::TempDir base;
     const std::string root = base / "opt", quarn = base / "home/.CorvaneQuarn",
                       app = quarn + "/CorvaneQuarn.app", package = root + "/package/nimbrel";
-    setenv("HOME", (base / "home").c_str(), 1), unsetenv("XDG_CURRENT_DESKTOP");
-    setenv("R", root.c_str(), 1), setenv("Q", quarn.c_str(), 1), setenv("A", app.c_str(), 1),
-        setenv("P", package.c_str(), 1);
+    setenv("HOME", (base / "home").c_str(), 1);
+    unsetenv("XDG_CURRENT_DESKTOP");
+    setenv("R", root.c_str(), 1);
+    setenv("Q", quarn.c_str(), 1);
+    setenv("A", app.c_str(), 1);
+    setenv("P", package.c_str(), 1);
     ASSERT_EQ(system("m=" LAUNCHER_SOURCE_DIR "/scripts/make-sample-install; $m $R 120 && "
                      "mkdir -p $Q/data && cp -a $P $A && echo x >$A/only-in-old && $m $R 121 && "
                      "echo rows >$Q/data/db && head -c 40000 /dev/urandom >$P/bin/a.so"),
@@ -57,13 +60,16 @@ TEST(UpgradeFaults, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
             const char* asan = getenv("ASAN_OPTIONS");  // the shim comes before the sanitizer
             setenv("ASAN_OPTIONS",
                    (std::string(asan ? asan : "") + ":verify_asan_link_order=0").c_str(), 1);
-            setenv("FAULT", fault.c_str(), 1), setenv("FAULT_COUNT", (base / count).c_str(), 1);
-            setenv("FAULT_ROOT", base.path().c_str(), 1), setenv("LD_PRELOAD", FAULT_SHIM, 1);
+            setenv("FAULT", fault.c_str(), 1);
+            setenv("FAULT_COUNT", (base / count).c_str(), 1);
+            setenv("FAULT_ROOT", base.path().c_str(), 1);
+            setenv("LD_PRELOAD", FAULT_SHIM, 1);
             alarm(30);  // a run that hangs ends on SIGALRM
             _exit(execl(g_self, g_self, root.c_str(), nullptr));
         }
         int status = -1;
-        return waitpid(pid, &status, 0), status;
+        waitpid(pid, &status, 0);
+        return status;
     };
     // The outcome, "BROKEN" if none; spoil, run after the old copy is back, spoils the package.
     const auto round = [&](const std::string& fault, const std::string& spoil = "true") {
@@ -104,10 +110,14 @@ TEST(UpgradeFaults, UpgradeUnderEveryFaultKeepsTheUserCopyWhole) {
                                          {"mknod $P/bad c 1 3", "old"}})
         EXPECT_EQ(round("0 0 0", spoil), outcome) << spoil;
     std::map<std::string, std::map<std::string, int>> table;
-    for (long k = 1, e = 0; k <= points; e = (e + 1) % 6, k += !e || !all) {
-        const int err = e < 2 ? EIO : e < 4 ? EACCES : ENOSPC;
-        table[strerror(err) + std::string(e % 2 ? ", lasting" : ", once")]
-             [round(std::to_string(k) + " " + std::to_string(err) + " " + std::to_string(e % 2))]++;
+    // Three errnos, each once and lasting: all six at every point, or one a point in turn.
+    for (long k = 1; k <= points; ++k) {
+        for (long e = all ? 0 : (k - 1) % 6; e <= (all ? 5 : (k - 1) % 6); ++e) {
+            const int err = e < 2 ? EIO : e < 4 ? EACCES : ENOSPC;
+            const std::string fault = std::to_string(k) + " " + std::to_string(err) + " ";
+            table[strerror(err) + std::string(e % 2 ? ", lasting" : ", once")]
+                 [round(fault + std::to_string(e % 2))]++;
+        }
     }
     std::mt19937 random(16);
     for (int i = 0; i < (all ? 200 : 10); ++i)

@@ -40,7 +40,8 @@ private:
 
 inline bool MakeDirs(const std::string& path) {
     std::error_code ec;
-    return fs::create_directories(path, ec), !ec;
+    fs::create_directories(path, ec);
+    return !ec;
 }
 
 // Whole files; missing parent folders are made.

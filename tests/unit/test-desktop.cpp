@@ -13,7 +13,8 @@ TEST(LanguageCode, LocaleNamesAndTheirOrder) {
         {"nn_NO", "nor"}, {"pt-BR", "ptb"}, {"pt_PT", "ptg"}, {"fi_FI", "enu"}};
     for (const auto& [name, code] : cases)
         EXPECT_EQ(code, VeskLanguageCode(name).toStdString()) << name;
-    setenv("LANG", "de_DE.UTF-8", 1), setenv("LANGUAGE", "th:en", 1);
+    setenv("LANG", "de_DE.UTF-8", 1);
+    setenv("LANGUAGE", "th:en", 1);
     EXPECT_EQ("tha", VeskLocale::getInstance()->getDefaultLanguage().toStdString());
 }
 

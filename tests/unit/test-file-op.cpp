@@ -149,6 +149,18 @@ TEST_F(FileOpTest, Folders) {
     EXPECT_EQ(0, RunAsUnprivileged([&] { return -FSRemove(dir / "outside", false); }));
 }
 
+// A subfolder that cannot be opened midway: the walks go past it, the removal keeps it.
+TEST_F(FileOpTest, WalkPastASubfolderThatCannotBeOpened) {
+    WriteFile(dir / "w/closed/file", "x");
+    WriteFile(dir / "w/open", "x");
+    chmod((dir / "w").c_str(), 0777);
+    chmod((dir / "w/closed").c_str(), 0);
+    EXPECT_EQ(1, RunAsUnprivileged([&] { return FSCountFiles(dir / "w"); }));
+    EXPECT_EQ(3, RunAsUnprivileged([&] { return -FSRemove(dir / "w", false); }));
+    EXPECT_FALSE(IsFileExist(dir / "w/open", false));
+    EXPECT_TRUE(IsFileExist(dir / "w/closed/file", false));
+}
+
 // Functions the upgrade never calls: a row a call and its result, in order. A time past 2038
 // keeps its low 32 bits; the same seed gives the same temporary names.
 TEST_F(FileOpTest, TheRestOfTheLayer) {

@@ -2,21 +2,26 @@
 
 #include "launcher/launcher.h"
 #include "launcher/notify-adapter.h"
+#include "launcher/str-table.h"
+#include "lib/desktop/single-application.h"
+#include "service/cloud-service.h"
 #include "tests/support/test-support.h"
 
-#define main launcher_main  // the start-up functions, taken in under another entry
-#include "launcher/main.cpp"
-#undef main
+int qInitResources_texts();
 
 namespace {
 
-QtSingleApplication& App() {
+// The test program's one application (it lives until the program ends), with the texts.
+void MakeApp() {
     static testsupport::TempDir runtime;  // for the single-instance lock
-    static int argc = setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1) + 1;
+    static int argc = 1;
     static char* argv[] = {const_cast<char*>("test-launcher"), nullptr};
-    static auto* app = new QtSingleApplication(argc, argv, true);
-    static const bool ready = (initialize_resources(), StrTable::InitStrTable(), true);
-    return ready ? *app : *app;
+    if (QApplication::instance() != nullptr)
+        return;
+    setenv("XDG_RUNTIME_DIR", runtime.path().c_str(), 1);
+    new QtSingleApplication(argc, argv, true);
+    qInitResources_texts();
+    StrTable::InitStrTable();
 }
 
 // Stands in for the upgrade service; what it records is written by the worker before the end.
@@ -26,7 +31,8 @@ struct FakeService : Service {
     int HandlePackageUpgrade() override {
         Notify_Adapter::GetInstance()->UpdateDialogText("unpacking");  // as the extractor does
         Notify_Adapter::GetInstance()->UpdateProgress(10, 4);
-        return calls += "Handle ", result;
+        calls += "Handle ";
+        return result;
     }
     void PostUpgrade() override {
         calls += "Post ";
@@ -43,7 +49,10 @@ struct FakeService : Service {
             Qt::BlockingQueuedConnection);
     }
     void PreUpgrade() override { calls += "Pre "; }
-    bool IsNeedUpgrade() override { return calls += "IsNeed ", need; }
+    bool IsNeedUpgrade() override {
+        calls += "IsNeed ";
+        return need;
+    }
     bool PerUserBinPathExist() override { return true; }
     bool need;
     int result;
@@ -54,45 +63,51 @@ struct FakeService : Service {
 
 }  // namespace
 
-struct LauncherTestAccess : ::testing::TestWithParam<std::tuple<bool, int, std::string>> {
-    static void Use(Launcher& l, FakeService* s) {
-        delete l.worker->service, l.worker->service = s, s->dialog = l.dialog;
+struct LauncherTestAccess {
+    struct Outcome {
+        std::string calls;  // the service's operations, in order
+        std::string seen;   // the dialog before the last step: visible, bar, label
+    };
+    // One login with the fake service, to the end of the event loop.
+    static Outcome Login(bool need, int result) {
+        MakeApp();
+        Launcher launcher;
+        auto* fake = new FakeService(need, result);
+        launcher.worker->service.reset(fake);
+        fake->dialog = launcher.dialog.get();
+        launcher.Run();
+        launcher.Start();
+        EXPECT_EQ(0, QApplication::exec());
+        EXPECT_FALSE(launcher.dialog->isVisible());
+        return {fake->calls, fake->seen};
     }
 };
 
-TEST_P(LauncherTestAccess, WorkerSequenceAndWhatTheUserSees) {
-    const auto [need, result, seen] = GetParam();
-    App();
-    testsupport::TempDir dir;
-    ASSERT_TRUE(testsupport::WriteFile(dir / "levels", "launcher_debug=7\n"));
-    Logger::Initialize(Logger::TYPE_FILE, dir / "log", dir / "levels", 50, Logger::SCOPE_THREAD);
-    Launcher launcher;
-    auto* service = new FakeService(need, result);
-    Use(launcher, service);
-    launcher.Run();
-    launcher.Start();
-    EXPECT_EQ(0, QApplication::exec());
-    Logger::Destroy();
-    EXPECT_EQ(need ? "Pre IsNeed Handle Post " : "Pre IsNeed Post ", service->calls);
-    EXPECT_EQ(seen, service->seen);
-    EXPECT_FALSE(service->dialog->isVisible());
-    const std::string log = testsupport::ReadFile(dir / "log");
-    const auto has = [&log](const char* line) { return log.find(line) != std::string::npos; };
-    EXPECT_EQ(!need, has("[DEBUG] launcher.cpp(97): no need to upgrade\n"));
-    EXPECT_EQ(result != 0, has("[ERROR] launcher.cpp(104): Failed to upgrade package\n"));
+// Nothing to upgrade: the dialog never shows, however long the client's start takes.
+TEST(Launcher, NothingToUpgradeShowsNothing) {
+    const auto outcome = LauncherTestAccess::Login(false, 0);
+    EXPECT_EQ("Pre IsNeed Post ", outcome.calls);
+    EXPECT_EQ("0 0 Corvane Quarn Client is initializing...", outcome.seen);
 }
 
-// Visible, bar and label: after a failed upgrade they stay where the copy left them (4 of 10).
-INSTANTIATE_TEST_SUITE_P(
-    NothingUpgradedFailed, LauncherTestAccess,
-    ::testing::Values(std::make_tuple(false, 0, "0 0 Corvane Quarn Client is initializing..."),
-                      std::make_tuple(true, 0, "1 100 Corvane Quarn Client is ready."),
-                      std::make_tuple(true, -1, "1 40 unpacking")));
+// A done upgrade: the dialog shows, full, with the ready text.
+TEST(Launcher, DoneUpgradeEndsFullAndReady) {
+    const auto outcome = LauncherTestAccess::Login(true, 0);
+    EXPECT_EQ("Pre IsNeed Handle Post ", outcome.calls);
+    EXPECT_EQ("1 100 Corvane Quarn Client is ready.", outcome.seen);
+}
+
+// A failed upgrade: the bar and label stay where the copy left them (4 of 10).
+TEST(Launcher, FailedUpgradeKeepsTheLastProgress) {
+    const auto outcome = LauncherTestAccess::Login(true, -1);
+    EXPECT_EQ("Pre IsNeed Handle Post ", outcome.calls);
+    EXPECT_EQ("1 40 unpacking", outcome.seen);
+}
 
 // Shown, the dialog is a window of its own size that offers no minimise or maximise: tiling
 // desktops float such a window and no desktop offers to resize it.
 TEST(ProcessingProgressDialogTest, ShownAtItsOwnFixedSize) {
-    App();
+    MakeApp();
     ProcessingProgressDialog dialog;
     dialog.setCancelButton(nullptr);  // as the launcher does, before it is shown
     dialog.show();

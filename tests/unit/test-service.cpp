@@ -34,29 +34,41 @@ TEST_F(ServiceTest, InstallRootIsHomeUnlessExactlyDeepinWithDataHome) {
                                                          {"GNOME", "/d"},
                                                          {"Deepin", "/d"}};
     for (const auto& [desktop, data] : cases) {
-        setenv("XDG_CURRENT_DESKTOP", desktop, 1), setenv("XDG_DATA_HOME", data, 1);
+        setenv("XDG_CURRENT_DESKTOP", desktop, 1);
+        setenv("XDG_DATA_HOME", data, 1);
         EXPECT_EQ(Service::GetUserInstallPath().toStdString(),
                   !strcmp(desktop, "Deepin") && *data ? data : home);
     }
 }
 
+// A newer package build, or a copy without its UI executable, is upgraded.
 TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
-    // builds in the copy's and the package's INFO ("": none, "fifo": a FIFO), UI there, upgrade
+    const bool ui = true, no_ui = false, upgrade = true, keep = false;
+    // The copy's and the package's build ("": no INFO, "fifo": a FIFO in its place).
     const std::tuple<const char*, const char*, bool, bool> cases[] = {
-        {"120", "121", 1, 1},   {"121", "121", 1, 0}, {"121", "121", 0, 1}, {"121", "120", 1, 0},
-        {"120x", "121y", 1, 1}, {"", "1", 1, 1},      {"3", "", 1, 0},      {"fifo", "121", 1, 1}};
-    for (const auto& [source, target, ui, upgrade] : cases) {
-        fs::remove_all(home), fs::remove(root + "/INFO"), fs::create_directories(app);
+        {"120", "121", ui, upgrade}, {"121", "121", ui, keep},      {"121", "121", no_ui, upgrade},
+        {"121", "120", ui, keep},    {"120x", "121y", ui, upgrade}, {"", "1", ui, upgrade},
+        {"3", "", ui, keep},         {"fifo", "121", ui, upgrade}};
+    for (const auto& [source, target, has_ui, want] : cases) {
+        fs::remove_all(home);
+        fs::remove(root + "/INFO");
+        fs::create_directories(app);
         for (auto [path, build] : {std::pair(app + "/INFO", source), {root + "/INFO", target}})
             ASSERT_TRUE(!*build ||
                         (!strcmp(build, "fifo")
                              ? mkfifo(path.c_str(), 0600) == 0
                              : WriteFile(path, "[Version]\nbuild_version=" + std::string(build))));
-        ASSERT_TRUE(WriteFile(app + (ui ? "/bin/cloud-quarn-ui" : "/bin/other"), ""));
+        ASSERT_TRUE(WriteFile(app + (has_ui ? "/bin/cloud-quarn-ui" : "/bin/other"), ""));
         LinuxService service;
         service.PreUpgrade();
-        EXPECT_EQ(service.IsNeedUpgrade(), upgrade) << source << " " << target << ui;
+        EXPECT_EQ(service.IsNeedUpgrade(), want) << source << " " << target << has_ui;
     }
+}
+
+// A client that takes a while to end on SIGTERM.
+static void EndSlowly(int) {
+    usleep(1500 * 1000);
+    _exit(7);
 }
 
 // Stops as the leader of a process group holding a member that handles SIGTERM as told. A line
@@ -68,12 +80,17 @@ static int Stop(const std::string& pid_file, const std::string& line, void (*han
                 time_t dated) {
     setpgid(0, 0);
     sigset_t term;
-    sigemptyset(&term), sigaddset(&term, SIGTERM);
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
     sigprocmask(SIG_BLOCK, &term, nullptr);
     const pid_t member = fork();
-    if (member == 0)
-        for (prctl(PR_SET_PDEATHSIG, SIGKILL), handle(), sigprocmask(SIG_UNBLOCK, &term, nullptr);;)
+    if (member == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        handle();
+        sigprocmask(SIG_UNBLOCK, &term, nullptr);
+        for (;;)
             pause();
+    }
     sigprocmask(SIG_UNBLOCK, &term, nullptr);
     const long long offset = line == "+2^32" ? 1LL << 32 : line == "-2^32" ? -(1LL << 32) : 0;
     char text[64];
@@ -87,7 +104,8 @@ static int Stop(const std::string& pid_file, const std::string& line, void (*han
     std::atomic<int> status{-1};  // reaped as soon as it ends, for the stop's probes
     std::thread reaper([&] {
         int ended;
-        waitpid(member, &ended, 0), status = ended;
+        waitpid(member, &ended, 0);
+        status = ended;
     });
     alarm(20);  // a stop that blocks
     const time_t start = time(nullptr);
@@ -123,8 +141,7 @@ TEST_F(ServiceTest, StopSignalsOnlyTheClientAndKillsOnlyOneThatIgnoresSigterm) {
         EXPECT_EQ(stop("pid=%lld", keep_default, dated), SIGUSR2) << dated;
     }
     EXPECT_EQ(stop("# by the client\npid = \"%lld\"  # running\n", [] {}), SIGTERM);
-    EXPECT_EQ(stop("pid=%lld", [] { signal(SIGTERM, [](int) { usleep(1500 * 1000), _exit(7); }); }),
-              64 + 7);
+    EXPECT_EQ(stop("pid=%lld", [] { signal(SIGTERM, EndSlowly); }), 64 + 7);
     EXPECT_EQ(stop("pid='%lld'", [] { signal(SIGTERM, SIG_IGN); }), 100 + SIGKILL);
     Logger::Destroy();
     // At the default level, a WARNING for each file not read (FIFO, root's, syntax error) and
