@@ -45,30 +45,25 @@ private:
     std::vector<size_t> headers_;
 };
 
-// gzip with stored deflate blocks: a compressed archive whose bytes no compressor version sways.
+void AppendLe32(std::string& out, uint32_t value) {
+    for (int shift = 0; shift < 32; shift += 8)
+        out += static_cast<char>(value >> shift);
+}
+
+// gzip of one stored deflate block (data under 64 KiB): bytes no compressor version sways.
 std::string Gzip(const std::string& data) {
-    std::string out("\x1f\x8b\x08\0\0\0\0\0\0\x03", 10);
-    size_t at = 0;
-    do {
-        const size_t n = std::min<size_t>(data.size() - at, 65535);
-        const bool last = at + n == data.size();
-        out += static_cast<char>(last ? 1 : 0);
-        for (unsigned v : {unsigned(n), unsigned(~n & 0xffff)}) {
-            out += static_cast<char>(v & 0xff);
-            out += static_cast<char>(v >> 8);
-        }
-        out += data.substr(at, n);
-        at += n;
-    } while (at < data.size());
     uint32_t crc = 0xffffffffu;
     for (unsigned char c : data) {
         crc ^= c;
         for (int bit = 0; bit < 8; ++bit)
             crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
     }
-    for (uint32_t v : {~crc, uint32_t(data.size())})
-        for (int shift = 0; shift < 32; shift += 8)
-            out += static_cast<char>((v >> shift) & 0xff);
+    const uint32_t size = static_cast<uint32_t>(data.size());
+    std::string out("\x1f\x8b\x08\0\0\0\0\0\0\x03\x01", 11);
+    AppendLe32(out, (size & 0xffff) | (~size << 16));
+    out += data;
+    AppendLe32(out, ~crc);
+    AppendLe32(out, size);
     return out;
 }
 
