@@ -6,7 +6,9 @@
 #include <QIcon>
 #include <QImageReader>
 #include <QPixmap>
+#if QT_VERSION_MAJOR < 6
 #include <QX11Info>
+#endif
 #include <xcb/xcb.h>
 
 #include <algorithm>
@@ -154,11 +156,19 @@ QIcon IconFromPng(const QString& path) {
 // minimise and maximise bits (openbox) still take away maximise from a window that cannot
 // be resized.
 void LeaveOutMinimiseAndMaximise(WId window) {
+#if QT_VERSION_MAJOR >= 6
+    const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    if (x11 == nullptr || QGuiApplication::platformName() != QLatin1String("xcb")) {
+        return;
+    }
+    xcb_connection_t* connection = x11->connection();
+#else
     if (!QX11Info::isPlatformX11()) {
         return;
     }
-    enum : uint32_t { kHintFunctions = 1, kMove = 4, kClose = 32 };
     xcb_connection_t* connection = QX11Info::connection();
+#endif
+    enum : uint32_t { kHintFunctions = 1, kMove = 4, kClose = 32 };
     static const char kName[] = "_MOTIF_WM_HINTS";
     xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(
         connection, xcb_intern_atom(connection, 0, sizeof(kName) - 1, kName), nullptr);
