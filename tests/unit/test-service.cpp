@@ -57,6 +57,19 @@ TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
     }
 }
 
+// INFO values are the text the launcher has always logged, each byte of the file one character
+// ("é" gives "Ã©"), under Qt 6 too, which reads UTF-8. What differs: an escape ("\xe9" gives "é"
+// under Qt 5, "Ã©" under Qt 6) and bytes that are not UTF-8, which Qt 6 replaces.
+TEST_F(ServiceTest, InfoValuesTakeEachByteForOneCharacter) {
+    ASSERT_TRUE(
+        WriteFile(root + "/INFO", "[Version]\nmajor_version=3 \xc3\xa9\nminor_version=\\xe9\n"));
+    LinuxService service;
+    service.LoadTargetVersion();
+    EXPECT_EQ(service.target_version.major_version, "3 \xc3\x83\xc2\xa9");
+    EXPECT_EQ(service.target_version.minor_version,
+              QT_VERSION_MAJOR < 6 ? "\xc3\xa9" : "\xc3\x83\xc2\xa9");
+}
+
 // Stops as the leader of a process group holding a member that handles SIGTERM as told. A line
 // with '=' is the pid file, %lld the member's pid; "self", "+2^32", "-2^32" name the stopper or
 // the member's pid plus or minus 2^32. Then SIGUSR2 ends the member if it still runs. Returns
