@@ -57,9 +57,8 @@ TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
     }
 }
 
-// INFO values are the text the launcher has always logged, each byte of the file one character
-// ("é" gives "Ã©"), under Qt 6 too, which reads UTF-8. What differs: an escape ("\xe9" gives "é"
-// under Qt 5, "Ã©" under Qt 6) and bytes that are not UTF-8, which Qt 6 replaces.
+// INFO values are the text the launcher has always logged, each byte one character ("é": "Ã©"),
+// under Qt 6 too; only an escape ("\xe9": "é" under Qt 5) and non-UTF-8 bytes differ there.
 TEST_F(ServiceTest, InfoValuesTakeEachByteForOneCharacter) {
     ASSERT_TRUE(
         WriteFile(root + "/INFO", "[Version]\nmajor_version=3 \xc3\xa9\nminor_version=\\xe9\n"));
