@@ -6,7 +6,9 @@
 #include <QIcon>
 #include <QImageReader>
 #include <QPixmap>
+#if QT_VERSION_MAJOR < 6
 #include <QX11Info>
+#endif
 #include <xcb/xcb.h>
 
 #include <cstdint>
@@ -189,11 +191,19 @@ QByteArray WindowManagerName(xcb_connection_t* connection) {
 // and full screen to every ordinary window; there the window is announced as a tool bar, the
 // one kind it keeps titled and closable without either.
 void LeaveOutMinimiseAndMaximise(WId window) {
+#if QT_VERSION_MAJOR >= 6
+    const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    if (x11 == nullptr || QGuiApplication::platformName() != QLatin1String("xcb")) {
+        return;
+    }
+    xcb_connection_t* connection = x11->connection();
+#else
     if (!QX11Info::isPlatformX11()) {
         return;
     }
-    enum : uint32_t { kHintFunctions = 1, kMove = 4, kClose = 32 };
     xcb_connection_t* connection = QX11Info::connection();
+#endif
+    enum : uint32_t { kHintFunctions = 1, kMove = 4, kClose = 32 };
     const xcb_atom_t motif = Atom(connection, "_MOTIF_WM_HINTS");
     if (motif == XCB_ATOM_NONE) {
         return;

@@ -70,7 +70,13 @@ void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
     for (const auto& f : fields) {
         const QString key = QString::fromLatin1(f.key);
         if (ini.contains(key)) {
-            *f.field = ini.value(key).toString().toUtf8().toStdString();
+            QString text = ini.value(key).toString();
+#if QT_VERSION_MAJOR >= 6
+            // Qt 6 reads the file as UTF-8; the launcher has always taken each byte for one
+            // character, as Qt 5's reader does, and its versions and log lines keep that text.
+            text = QString::fromLatin1(text.toUtf8());
+#endif
+            *f.field = text.toUtf8().toStdString();
         }
     }
     ini.endGroup();

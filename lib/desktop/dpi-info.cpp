@@ -62,17 +62,17 @@ QString DPIinfo::getScaledStyleSheet(QString sheet) {
         if (end + 1 < sheet.size() && sheet[end] == QLatin1Char('.') && IsDigit(sheet[end + 1])) {
             end = DigitsEnd(sheet, end + 1);
         }
-        if (sheet.midRef(end, 2) != QLatin1String("px")) {
+        if (!QStringView(sheet).mid(end).startsWith(QLatin1String("px"))) {
             at = whole_end;  // a number without a unit; what follows it may still be one
             continue;
         }
         if (at > last && sheet[at - 1] == QLatin1Char('.')) {
             --at;  // ".5px" has no digit before its point
         }
-        out += sheet.midRef(last, at - last);
+        out += QStringView(sheet).mid(last, at - last);
         out += ScaledPixels(sheet.mid(at, end - at), factor);
         last = at = end + 2;
     }
-    out += sheet.midRef(last);
+    out += QStringView(sheet).mid(last);
     return out;
 }

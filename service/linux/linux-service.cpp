@@ -280,10 +280,18 @@ int LinuxService::LaunchPerUserBin() {
     // deprecated. Its result changes nothing, but a client that does not start must leave a
     // trace at the default level: -2 is a script that could not be run (missing, not
     // executable, or a path split at a space), -1 one that crashed.
+#if QT_VERSION_MAJOR >= 6
+    // Qt 6 has only the program-and-arguments form: the string is split as the one-string
+    // form splits it, and nothing to run is -2 there too.
+    QStringList arguments = QProcess::splitCommand(QString::fromUtf8(command.c_str()));
+    const int status =
+        arguments.isEmpty() ? -2 : QProcess::execute(arguments.takeFirst(), arguments);
+#else
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     const int status = QProcess::execute(QString::fromUtf8(command.c_str()));
 #pragma GCC diagnostic pop
+#endif
     if (status == -2) {
         LOG_HERE(WARNING, kComponent,
                  "cannot run the client's start script: '%s' (exit status %d)\n", command.c_str(),

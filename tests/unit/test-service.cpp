@@ -65,6 +65,18 @@ TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
     }
 }
 
+// INFO values are the text the launcher has always logged, each byte one character ("é": "Ã©"),
+// under Qt 6 too; only an escape ("\xe9": "é" under Qt 5) and non-UTF-8 bytes differ there.
+TEST_F(ServiceTest, InfoValuesTakeEachByteForOneCharacter) {
+    ASSERT_TRUE(
+        WriteFile(root + "/INFO", "[Version]\nmajor_version=3 \xc3\xa9\nminor_version=\\xe9\n"));
+    LinuxService service;
+    service.LoadTargetVersion();
+    EXPECT_EQ(service.target_version.major_version, "3 \xc3\x83\xc2\xa9");
+    EXPECT_EQ(service.target_version.minor_version,
+              QT_VERSION_MAJOR < 6 ? "\xc3\xa9" : "\xc3\x83\xc2\xa9");
+}
+
 // A client that takes a while to end on SIGTERM.
 static void EndSlowly(int) {
     usleep(1500 * 1000);
