@@ -161,11 +161,12 @@ std::vector<uint32_t> Property(xcb_connection_t* connection, xcb_window_t window
     return values;
 }
 
-// The running window manager's name, as it announces it on its check window.
+// The running window manager's name, as it announces it on its check window (a window manager
+// announces it on the root window of every screen it manages; the first one serves).
 QByteArray WindowManagerName(xcb_connection_t* connection) {
-    const std::vector<uint32_t> check =
-        Property(connection, QX11Info::appRootWindow(),
-                 Atom(connection, "_NET_SUPPORTING_WM_CHECK"), XCB_ATOM_WINDOW, 1);
+    const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(connection)).data->root;
+    const std::vector<uint32_t> check = Property(
+        connection, root, Atom(connection, "_NET_SUPPORTING_WM_CHECK"), XCB_ATOM_WINDOW, 1);
     if (check.empty()) {
         return QByteArray();
     }
