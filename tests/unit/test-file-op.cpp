@@ -208,3 +208,14 @@ TEST_F(FileOpTest, TheRestOfTheLayer) {
         EXPECT_EQ(want, got);
     EXPECT_NE(ReadFile(dir / "log").find("(880): isMountPoint: Failed to get"), std::string::npos);
 }
+
+// Owner and mode do not tell two records of a file apart; its name does.
+TEST(FileInfo, EqualityLeavesOutOwnerAndMode) {
+    _FILE_INFO_tag a, b;
+    a.path = b.path = "/p";
+    b.uid = 1;
+    b.mode = 0600;
+    EXPECT_TRUE(a == b);
+    b.name = "other";
+    EXPECT_TRUE(a != b);
+}

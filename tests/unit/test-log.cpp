@@ -60,6 +60,9 @@ TEST(Logger, LinesAndComponentLevels) {
     Logger::LogMsg3(Logger::ERROR, "c3", stream, Logger::ConfigFlag(6));
     EXPECT_EQ(ENOENT, errno);
     expected.push_back("open 5, err=2:" + std::string(strerror(ENOENT)) + "\n");
+    std::stringstream plain("no errno asked for");  // errno is still set
+    Logger::LogMsg3(Logger::ERROR, "c3", plain, Logger::FLAG_NEWLINE);
+    expected.push_back("no errno asked for\n");
     EXPECT_EQ(expected, Unstamped(testsupport::ReadFile(path)));
 
     // Stopped, the logger writes nowhere and holds no file.

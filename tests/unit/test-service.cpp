@@ -77,6 +77,16 @@ TEST_F(ServiceTest, InfoValuesTakeEachByteForOneCharacter) {
               QT_VERSION_MAJOR < 6 ? "\xc3\xa9" : "\xc3\x83\xc2\xa9");
 }
 
+// The installation from the package archive unpacks it into the user's copy.
+TEST_F(ServiceTest, ExtractPackageUnpacksTheArchiveIntoTheCopy) {
+    ASSERT_TRUE(WriteFile(base / "pkg/INFO", "[Version]\nbuild_version=121\n"));
+    ASSERT_TRUE(MakeDirs(root + "/package"));
+    const std::string tar = "tar -cf " + root + "/package/nimbrel.vbx -C " + base / "pkg INFO";
+    ASSERT_EQ(0, system(tar.c_str()));
+    EXPECT_EQ(0, LinuxService().ExtractPackage());
+    EXPECT_EQ("[Version]\nbuild_version=121\n", ReadFile(app + "/INFO"));
+}
+
 // A client that takes a while to end on SIGTERM.
 static void EndSlowly(int) {
     usleep(1500 * 1000);
