@@ -1,3 +1,6 @@
+#include <archive.h>
+#include <archive_entry.h>
+
 #include "extractor/extractor.h"
 #include "launcher/notify-adapter.h"
 #include "launcher/str-table.h"
@@ -8,63 +11,38 @@ using testsupport::ReadFile;
 
 namespace {
 
-// A ustar archive written byte by byte, so that every libarchive reads the same bytes.
-class Tar {
-public:
-    void Add(const std::string& name, char type, const std::string& data = "",
-             const std::string& link = "") {
-        std::string header(512, '\0');
-        header.replace(0, name.size(), name);
-        header.replace(100, 7, type == '5' ? "0000755" : "0000644");
-        header.replace(124, 11, Octal(data.size(), 11));
-        header.replace(136, 11, Octal(1000000000, 11));  // 2001: must not reach the disk
-        header[156] = type;
-        header.replace(157, link.size(), link);
-        header.replace(257, 8,
-                       std::string("ustar\0"
-                                   "00",
-                                   8));
-        header.replace(148, 8, "        ");
-        unsigned sum = 0;
-        for (unsigned char c : header)
-            sum += c;
-        header.replace(148, 7, Octal(sum, 6) + '\0');
-        headers_.push_back(bytes_.size());
-        bytes_ += header + data + std::string((512 - data.size() % 512) % 512, '\0');
-    }
-    std::string Bytes() const { return bytes_ + std::string(1024, '\0'); }
-    size_t HeaderAt(size_t index) const { return headers_.at(index); }
-
-private:
-    static std::string Octal(unsigned long value, int width) {
-        char text[24];
-        std::snprintf(text, sizeof(text), "%0*lo", width, value);
-        return text;
-    }
-    std::string bytes_;
-    std::vector<size_t> headers_;
+struct Entry {
+    std::string name;
+    mode_t type;       // AE_IFREG, AE_IFDIR or AE_IFLNK
+    std::string data;  // a file's bytes, or a link's target
 };
 
-void AppendLe32(std::string& out, uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8)
-        out += static_cast<char>(value >> shift);
-}
-
-// gzip of one stored deflate block (data under 64 KiB): bytes no compressor version sways.
-std::string Gzip(const std::string& data) {
-    uint32_t crc = 0xffffffffu;
-    for (unsigned char c : data) {
-        crc ^= c;
-        for (int bit = 0; bit < 8; ++bit)
-            crc = (crc >> 1) ^ (0xedb88320u & (0u - (crc & 1u)));
+// A ustar archive from libarchive's own writer, gzip-compressed when asked.
+std::string Archive(const std::vector<Entry>& entries, bool gzip = false) {
+    std::string bytes(1 << 20, '\0');
+    size_t used = 0;
+    struct archive* a = archive_write_new();
+    archive_write_set_format_ustar(a);
+    if (gzip)
+        archive_write_add_filter_gzip(a);
+    archive_write_open_memory(a, bytes.data(), bytes.size(), &used);
+    for (const Entry& e : entries) {
+        struct archive_entry* entry = archive_entry_new();
+        archive_entry_set_pathname(entry, e.name.c_str());
+        archive_entry_set_filetype(entry, e.type);
+        archive_entry_set_perm(entry, e.type == AE_IFDIR ? 0755 : 0644);
+        archive_entry_set_mtime(entry, 1000000000, 0);  // 2001: must not reach the disk
+        if (e.type == AE_IFLNK)
+            archive_entry_set_symlink(entry, e.data.c_str());
+        else
+            archive_entry_set_size(entry, static_cast<la_int64_t>(e.data.size()));
+        archive_write_header(a, entry);
+        archive_write_data(a, e.data.data(), e.type == AE_IFLNK ? 0 : e.data.size());
+        archive_entry_free(entry);
     }
-    const uint32_t size = static_cast<uint32_t>(data.size());
-    std::string out("\x1f\x8b\x08\0\0\0\0\0\0\x03\x01", 11);
-    AppendLe32(out, (size & 0xffff) | (~size << 16));
-    out += data;
-    AppendLe32(out, ~crc);
-    AppendLe32(out, size);
-    return out;
+    archive_write_close(a);
+    archive_write_free(a);
+    return bytes.substr(0, used);
 }
 
 }  // namespace
@@ -84,33 +62,38 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
     const std::string tool = "#!/bin/sh\necho tool\n", outside = tmp / "outside",
                       absolute = "/lq-extractor-absolute-probe/evil";
     testsupport::MakeDirs(outside);
-    Tar package;
-    package.Add("pkg/", '5');
-    package.Add("pkg/bin/", '5');
-    package.Add("pkg/bin/tool", '0', tool);
-    package.Add("pkg/current", '2', "", "bin/tool");
-    package.Add("top", '0');
-    testsupport::WriteFile(tmp / "gz", Gzip(package.Bytes()));
+    testsupport::WriteFile(tmp / "gz", Archive({{"pkg/", AE_IFDIR, ""},
+                                                {"pkg/bin/", AE_IFDIR, ""},
+                                                {"pkg/bin/tool", AE_IFREG, tool},
+                                                {"pkg/current", AE_IFLNK, "bin/tool"},
+                                                {"top", AE_IFREG, ""}},
+                                               true));
     testsupport::WriteFile(tmp / "empty", std::string(10240, '\0'));
     // Twelve files of 100, 200, ... bytes; the eleventh header fails its checksum.
-    Tar damaged;
-    for (int i = 1; i <= 12; ++i)
-        damaged.Add("f" + std::to_string(i), '0', std::string(100 * i, 'x'));
-    std::string damaged_bytes = damaged.Bytes();
-    damaged_bytes.replace(damaged.HeaderAt(10) + 148, 8, "0000000", 8);
-    testsupport::WriteFile(tmp / "damaged", damaged_bytes);
-    // One file whose stored name is empty.
-    Tar nameless;
-    nameless.Add("", '0', "a");
-    testsupport::WriteFile(tmp / "nameless", nameless.Bytes());
+    std::vector<Entry> twelve;
+    size_t eleventh = 0;
+    for (int i = 1; i <= 12; ++i) {
+        twelve.push_back({"f" + std::to_string(i), AE_IFREG, std::string(100 * i, 'x')});
+        eleventh += i <= 10 ? 512 + (100 * i + 511) / 512 * 512 : 0;
+    }
+    std::string damaged = Archive(twelve);
+    damaged.replace(eleventh + 148, 8, "0000000", 8);
+    testsupport::WriteFile(tmp / "damaged", damaged);
+    // One file whose stored name is empty: the writer refuses that, so "x" is blanked and its
+    // byte taken off the header's checksum.
+    std::string nameless = Archive({{"x", AE_IFREG, "a"}});
+    nameless[0] = '\0';
+    char checksum[8];
+    snprintf(checksum, sizeof(checksum), "%06lo",
+             std::stoul(nameless.substr(148, 6), nullptr, 8) - 'x');
+    nameless.replace(148, 7, checksum, 7);
+    testsupport::WriteFile(tmp / "nameless", nameless);
     // Hostile: a file "through" a stored link lands where it points, an absolute name stays
     // below the target, "../x" is refused.
-    Tar hostile;
-    hostile.Add("escape", '2', "", outside);
-    hostile.Add("escape/planted", '0', "p");
-    hostile.Add(absolute, '0', "x");
-    hostile.Add("../x", '0', "2");
-    testsupport::WriteFile(tmp / "hostile", hostile.Bytes());
+    testsupport::WriteFile(tmp / "hostile", Archive({{"escape", AE_IFLNK, outside},
+                                                     {"escape/planted", AE_IFREG, "p"},
+                                                     {absolute, AE_IFREG, "x"},
+                                                     {"../x", AE_IFREG, "2"}}));
     const struct {
         std::string source, target;
         int count, rc, steps;    // entries counted, Extract's result, progress steps (count*100+i)

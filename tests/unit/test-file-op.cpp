@@ -161,51 +161,94 @@ TEST_F(FileOpTest, WalkPastASubfolderThatCannotBeOpened) {
     EXPECT_TRUE(IsFileExist(dir / "w/closed/file", false));
 }
 
-// Functions the upgrade never calls: a row a call and its result, in order. A time past 2038
-// keeps its low 32 bits; the same seed gives the same temporary names.
-TEST_F(FileOpTest, TheRestOfTheLayer) {
-    const std::string root = dir / "r", link = dir / "l", none = dir / "none", file = dir / "f",
-                      far(4095, 'x');
-    WriteFile(file, "x");
-    MakeDirs(dir / "real/sub");
-    MakeDirs(root);
-    ASSERT_EQ(0, symlink((dir / "real").c_str(), (dir / "alias").c_str()));
-    mkfifo((dir / "fifo").c_str(), 0600);
-    std::string real = dir / "alias/sub/..", missing = none + "/..", temp, name, target;
+// The type code GetFileInfo gives a path, or -1 when it fails.
+static int Type(const std::string& path) {
     _FILE_INFO_tag info;
+    return GetFileInfo(path, info) == 0 ? info.type : -1;
+}
+
+// Each kind of file has its own code; a missing path is no failure.
+TEST_F(FileOpTest, TypesOfFiles) {
+    WriteFile(dir / "f", "x");
+    ASSERT_EQ(0, symlink("f", (dir / "l").c_str()));
+    ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
+    EXPECT_EQ(FS_TYPE_FILE, Type(dir / "f"));
+    EXPECT_EQ(FS_TYPE_LINK, Type(dir / "l"));
+    EXPECT_EQ(FS_TYPE_FIFO, Type(dir / "fifo"));
+    EXPECT_EQ(FS_TYPE_DEVICE, Type("/dev/null"));
+    EXPECT_EQ(FS_TYPE_MISSING, Type(dir / "none"));
+}
+
+// Parents by text alone: "/a/" is no parent of "/a/b"; "/" is the parent of a bare name.
+TEST(FilePaths, ParentsByText) {
+    EXPECT_TRUE(FSIsParentFolder("/a", "/a/b"));
+    EXPECT_FALSE(FSIsParentFolder("/a", "/ab"));
+    EXPECT_FALSE(FSIsParentFolder("/a/", "/a/b"));
+    EXPECT_EQ("/", FSParentPath("a"));
+    EXPECT_EQ("/", FSParentPath("/"));
+    EXPECT_EQ("/a/b", FSParentPath("/a/b/"));
+}
+
+// The levels below a root are made one at a time; a root with a trailing '/' or longer than
+// the target is refused.
+TEST_F(FileOpTest, FoldersFromARoot) {
+    const std::string root = dir / "r";
+    MakeDirs(root);
+    EXPECT_EQ(0, FSMKDirFromRoot(root + "/a/b", root));
+    EXPECT_EQ(FS_TYPE_FOLDER, Type(root + "/a/b"));
+    EXPECT_EQ(-1, FSMKDirFromRoot(root + "/c", root + "/"));
+    EXPECT_EQ(-1, FSMKDirFromRoot(root, root + "/c"));
+}
+
+// A time past 2038 keeps its low 32 bits.
+TEST_F(FileOpTest, TimesPast2038) {
+    const long y2200 = 2200000000L;
+    _FILE_INFO_tag info;
+    WriteFile(dir / "f", "x");
+    EXPECT_EQ(0, FSUTime(dir / "f", y2200, y2200));
+    ASSERT_EQ(0, GetFileInfo(dir / "f", info));
+    EXPECT_EQ(static_cast<int32_t>(y2200 - 4294967296L), info.mtime);
+}
+
+// Temporary files are readable by all; the same seed gives the same temporary names; a missing
+// file needs no sync, but a missing file system cannot be synced.
+TEST_F(FileOpTest, TemporaryFilesAndSync) {
+    std::string temp, name;
+    EXPECT_EQ(0, FSMktemp(dir.path(), temp));
+    EXPECT_EQ(0644u, Mode(temp));
     TmpNameGenTestAccess::Seed(1);
-    auto type = [&info](const std::string& path) {
-        return GetFileInfo(path, info) != 0 ? -1 : info.exists ? info.type : 10 + info.type;
-    };
-    const long y2200 = 2200000000L, wrapped = static_cast<int32_t>(y2200 - 4294967296L);
-    // clang-format off
-    const long rows[][2] = {
-        {type(file), FS_TYPE_FILE}, {type(dir / "alias"), FS_TYPE_LINK}, {type(none), 10},
-        {type("/dev/null"), FS_TYPE_DEVICE}, {type(dir / "fifo"), FS_TYPE_FIFO},
-        {FSMKDirFromRoot(root + "/a/b", root), 0}, {type(root + "/a/b"), FS_TYPE_FOLDER},
-        {FSMKDirFromRoot(root + "/c", root + "/"), -1}, {FSMKDirFromRoot(root, root + "/c"), -1},
-        {FSIsParentFolder("/a", "/a/b"), 1}, {FSIsParentFolder("/a", "/ab"), 0},
-        {FSIsParentFolder("/a/", "/a/b"), 0}, {FSGetRealPath(real), 0},
-        {FSGetRealPath(missing), -1}, {FSUTime(file, y2200, y2200), 0},
-        {type(file), FS_TYPE_FILE}, {info.mtime, wrapped},
-        {FSMktemp(dir.path(), temp), 0}, {Mode(temp), 0644}, {FSMktemp(none, name), -1},
-        {FSCreateTempPath(dir.path(), name), 0}, {FSFsync(none), 1}, {FSFsync(temp), 0},
-        {FSSyncFs(none), -1}, {FSCreateSymbolicLink(far, link), 0},
-        {FSReadSymbolicLink(link, target), 0}, {FSReadSymbolicLink(temp, target), -1},
-        {FSCreateSymbolicLink(link, link), -1}, {FSChown(link, 65534, 65534), 0},
-        {type(link), FS_TYPE_LINK}, {info.uid, 65534}, {FSChown(none, 0, 0), -1},
-        {FSChmod(temp, 0600), 0}, {Mode(temp), 0600}, {FSChmod(none, 0600), -1},
-        {isFileLocked(none, R_OK), 0}, {hasFilePermission(temp, R_OK), 1},
-        {isMountPoint(dir.path()), 0}, {isMountPoint(none), 0}, {IsMSDOS(dir.path()), 0}};
-    const std::string texts[][2] = {
-        {real, dir / "real"}, {missing, none + "/.."}, {target, far}, {FSParentPath("a"), "/"},
-        {FSParentPath(name), dir.path()}, {FSBaseName(name), "08Mtye3H"}, {FSParentPath("/"), "/"},
-        {FSParentPath("/a/b/"), "/a/b"}};
-    // clang-format on
-    for (size_t i = 0; i < std::size(rows); ++i)
-        EXPECT_EQ(rows[i][1], rows[i][0]) << "row " << i;
-    for (const auto& [got, want] : texts)
-        EXPECT_EQ(want, got);
+    EXPECT_EQ(0, FSCreateTempPath(dir.path(), name));
+    EXPECT_EQ(dir / "08Mtye3H", name);
+    EXPECT_EQ(0, FSFsync(temp));
+    EXPECT_EQ(1, FSFsync(dir / "none"));
+    EXPECT_EQ(-1, FSSyncFs(dir / "none"));
+}
+
+// A link holds a target of up to 4095 bytes, and its owner is its own, not its target's.
+TEST_F(FileOpTest, LinksAndTheirOwners) {
+    const std::string link = dir / "l", far(4095, 'x');
+    std::string target;
+    _FILE_INFO_tag info;
+    EXPECT_EQ(0, FSCreateSymbolicLink(far, link));
+    EXPECT_EQ(0, FSReadSymbolicLink(link, target));
+    EXPECT_EQ(far, target);
+    EXPECT_EQ(0, FSChown(link, 65534, 65534));
+    ASSERT_EQ(0, GetFileInfo(link, info));
+    EXPECT_EQ(65534u, info.uid);
+}
+
+// A file another user may not read is locked to them; a missing file is not locked, so it is
+// permitted. A local folder is neither a network nor a FAT file system, and a probe that fails
+// says so in the log.
+TEST_F(FileOpTest, AccessAndFileSystemProbes) {
+    WriteFile(dir / "private", "x");
+    chmod((dir / "private").c_str(), 0600);
+    EXPECT_EQ(1, RunAsUnprivileged([&] { return isFileLocked(dir / "private", R_OK); }));
+    EXPECT_FALSE(isFileLocked(dir / "none", R_OK));
+    EXPECT_TRUE(hasFilePermission(dir / "none", R_OK));
+    EXPECT_FALSE(isMountPoint(dir.path()));
+    EXPECT_FALSE(IsMSDOS(dir.path()));
+    EXPECT_FALSE(isMountPoint(dir / "none"));
     EXPECT_NE(ReadFile(dir / "log").find("(880): isMountPoint: Failed to get"), std::string::npos);
 }
 

@@ -104,14 +104,3 @@ TEST(Launcher, FailedUpgradeKeepsTheLastProgress) {
     EXPECT_EQ("1 40 unpacking", outcome.seen);
 }
 
-// Shown, the dialog is a window of its own size that offers no minimise or maximise: tiling
-// desktops float such a window and no desktop offers to resize it.
-TEST(ProcessingProgressDialogTest, ShownAtItsOwnFixedSize) {
-    MakeApp();
-    ProcessingProgressDialog dialog;
-    dialog.setCancelButton(nullptr);  // as the launcher does, before it is shown
-    dialog.show();
-    EXPECT_EQ(dialog.sizeHint().height(), dialog.height());
-    EXPECT_EQ(dialog.minimumSize(), dialog.maximumSize());
-    EXPECT_EQ(Qt::Window | Qt::WindowTitleHint | Qt::WindowSystemMenuHint, dialog.windowFlags());
-}
