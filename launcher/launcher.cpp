@@ -12,6 +12,7 @@
 #include <xcb/xcb.h>
 
 #include <cstdint>
+#include <memory>
 #include <cstring>
 #include <limits>
 #include <vector>
@@ -139,25 +140,35 @@ QIcon IconFromPng(const QString& path) {
     return QIcon(QPixmap::fromImage(reader.read()));
 }
 
+// A reply of the X server, which the C library's free() releases.
+struct FreeReply {
+    void operator()(void* reply) const { free(reply); }
+};
+template <typename Reply>
+using XReply = std::unique_ptr<Reply, FreeReply>;
+
 xcb_atom_t Atom(xcb_connection_t* connection, const char* name) {
-    xcb_intern_atom_reply_t* reply = xcb_intern_atom_reply(
-        connection, xcb_intern_atom(connection, 0, strlen(name), name), nullptr);
-    const xcb_atom_t atom = reply != nullptr ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
-    free(reply);
-    return atom;
+    const XReply<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(
+        connection, xcb_intern_atom(connection, 0, strlen(name), name), nullptr));
+    return reply != nullptr ? reply->atom : xcb_atom_t{XCB_ATOM_NONE};
+}
+
+// A property of a window, up to `length` 32-bit units of it; null when the server gives none.
+XReply<xcb_get_property_reply_t> GetProperty(xcb_connection_t* connection, xcb_window_t window,
+                                             xcb_atom_t name, xcb_atom_t type, uint32_t length) {
+    return XReply<xcb_get_property_reply_t>(xcb_get_property_reply(
+        connection, xcb_get_property(connection, 0, window, name, type, 0, length), nullptr));
 }
 
 // Up to `count` 32-bit values of a property; fewer when it is shorter or missing.
 std::vector<uint32_t> Property(xcb_connection_t* connection, xcb_window_t window, xcb_atom_t name,
                                xcb_atom_t type, uint32_t count) {
     std::vector<uint32_t> values;
-    xcb_get_property_reply_t* reply = xcb_get_property_reply(
-        connection, xcb_get_property(connection, 0, window, name, type, 0, count), nullptr);
+    const auto reply = GetProperty(connection, window, name, type, count);
     if (reply != nullptr && reply->format == 32) {
-        const auto* data = static_cast<const uint32_t*>(xcb_get_property_value(reply));
-        values.assign(data, data + xcb_get_property_value_length(reply) / 4);
+        const auto* data = static_cast<const uint32_t*>(xcb_get_property_value(reply.get()));
+        values.assign(data, data + xcb_get_property_value_length(reply.get()) / 4);
     }
-    free(reply);
     return values;
 }
 
@@ -170,18 +181,13 @@ QByteArray WindowManagerName(xcb_connection_t* connection) {
     if (check.empty()) {
         return QByteArray();
     }
-    QByteArray name;
-    xcb_get_property_reply_t* reply = xcb_get_property_reply(
-        connection,
-        xcb_get_property(connection, 0, check[0], Atom(connection, "_NET_WM_NAME"),
-                         Atom(connection, "UTF8_STRING"), 0, 64),
-        nullptr);
-    if (reply != nullptr && reply->format == 8) {
-        name = QByteArray(static_cast<const char*>(xcb_get_property_value(reply)),
-                          xcb_get_property_value_length(reply));
+    const auto reply = GetProperty(connection, check[0], Atom(connection, "_NET_WM_NAME"),
+                                   Atom(connection, "UTF8_STRING"), 64);
+    if (reply == nullptr || reply->format != 8) {
+        return QByteArray();
     }
-    free(reply);
-    return name;
+    return QByteArray(static_cast<const char*>(xcb_get_property_value(reply.get())),
+                      xcb_get_property_value_length(reply.get()));
 }
 
 // Qt writes only decoration hints for a title and system menu; window managers that go by the

@@ -57,7 +57,6 @@ void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
         return;
     }
     QSettings ini(QString::fromUtf8(path.c_str()), QSettings::IniFormat);
-    ini.beginGroup(QStringLiteral("Version"));
     const struct {
         const char* key;
         std::string* field;
@@ -68,7 +67,7 @@ void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
         {"icon_overlay_version", &version.icon_overlay_version},
     };
     for (const auto& f : fields) {
-        const QString key = QString::fromLatin1(f.key);
+        const QString key = QStringLiteral("Version/") + QLatin1String(f.key);
         if (ini.contains(key)) {
             QString text = ini.value(key).toString();
 #if QT_VERSION_MAJOR >= 6
@@ -79,7 +78,6 @@ void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
             *f.field = text.toUtf8().toStdString();
         }
     }
-    ini.endGroup();
 }
 
 // Progress of one package copy: files written of the files counted before it started.
