@@ -224,19 +224,6 @@ TEST_F(FileOpTest, TemporaryFilesAndSync) {
     EXPECT_EQ(-1, FSSyncFs(dir / "none"));
 }
 
-// A link holds a target of up to 4095 bytes, and its owner is its own, not its target's.
-TEST_F(FileOpTest, LinksAndTheirOwners) {
-    const std::string link = dir / "l", far(4095, 'x');
-    std::string target;
-    _FILE_INFO_tag info;
-    EXPECT_EQ(0, FSCreateSymbolicLink(far, link));
-    EXPECT_EQ(0, FSReadSymbolicLink(link, target));
-    EXPECT_EQ(far, target);
-    EXPECT_EQ(0, FSChown(link, 65534, 65534));
-    ASSERT_EQ(0, GetFileInfo(link, info));
-    EXPECT_EQ(65534u, info.uid);
-}
-
 // A file another user may not read is locked to them; a missing file is not locked, so it is
 // permitted. A local folder is neither a network nor a FAT file system, and a probe that fails
 // says so in the log.
