@@ -65,39 +65,35 @@ long long StartTicks(pid_t pid) {
 class Process {
 public:
     explicit Process(pid_t pid)
-        : pid_(pid), fd_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {
-        gone_ = fd_ < 0 && errno == ESRCH;
+        : pid_(pid), fd_(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))), held_(fd_ != -1) {
+        gone_ = !held_ && errno == ESRCH;
     }
-    ~Process() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
+    ~Process() { close(fd_); }  // not held, it is -1, which close refuses harmlessly
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
     // 0, or the error number.
     int Signal(int signal) {
         const long result =
-            fd_ >= 0 ? syscall(SYS_pidfd_send_signal, fd_, signal, nullptr, 0) : kill(pid_, signal);
+            held_ ? syscall(SYS_pidfd_send_signal, fd_, signal, nullptr, 0) : kill(pid_, signal);
         return result == 0 ? 0 : errno;
     }
 
     // Whether it has ended. The descriptor tells as soon as the process exits, before its
     // parent reaps it (signal 0 still reaches it until then); a bare number, once it is reaped.
-    bool Ended() {
-        return fd_ >= 0 ? EndsWithin(0) : gone_ || (kill(pid_, 0) != 0 && errno == ESRCH);
-    }
+    bool Ended() { return held_ ? EndsWithin(0) : gone_ || (kill(pid_, 0) != 0 && errno == ESRCH); }
 
     // Whether it ends within wait_ms. A bare number cannot be waited on: a signal it took is
     // trusted.
     bool EndsWithin(int wait_ms) {
         pollfd exit_event = {fd_, POLLIN, 0};
-        return fd_ < 0 || poll(&exit_event, 1, wait_ms) > 0;
+        return !held_ || poll(&exit_event, 1, wait_ms) > 0;
     }
 
 private:
     pid_t pid_;
     int fd_;
+    bool held_;  // by the descriptor fd_
     bool gone_ = false;
 };
 
