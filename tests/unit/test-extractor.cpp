@@ -17,12 +17,14 @@ struct Entry {
     std::string data;  // a file's bytes, or a link's target
 };
 
-// A ustar archive from libarchive's own writer.
-std::string Archive(const std::vector<Entry>& entries) {
+// A ustar archive from libarchive's own writer, gzip-compressed when asked.
+std::string Archive(const std::vector<Entry>& entries, bool gzip = false) {
     std::string bytes(1 << 20, '\0');
     size_t used = 0;
     struct archive* a = archive_write_new();
     archive_write_set_format_ustar(a);
+    if (gzip)
+        archive_write_add_filter_gzip(a);
     archive_write_open_memory(a, bytes.data(), bytes.size(), &used);
     for (const Entry& e : entries) {
         struct archive_entry* entry = archive_entry_new();
@@ -64,7 +66,8 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
                                                      {"pkg/bin/", AE_IFDIR, ""},
                                                      {"pkg/bin/tool", AE_IFREG, tool},
                                                      {"pkg/current", AE_IFLNK, "bin/tool"},
-                                                     {"top", AE_IFREG, ""}}));
+                                                     {"top", AE_IFREG, ""}},
+                                                    true));
     testsupport::WriteFile(tmp / "empty", std::string(10240, '\0'));
     // Twelve files of 100, 200, ... bytes; the eleventh header fails its checksum.
     std::vector<Entry> twelve;

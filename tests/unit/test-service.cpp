@@ -87,6 +87,11 @@ TEST_F(ServiceTest, ExtractPackageUnpacksTheArchiveIntoTheCopy) {
     EXPECT_EQ("[Version]\nbuild_version=121\n", ReadFile(app + "/INFO"));
 }
 
+// A start script that cannot run leaves the login going on, as any failed start does.
+TEST_F(ServiceTest, LaunchWithoutAStartScriptGivesZero) {
+    EXPECT_EQ(0, LinuxService().LaunchPerUserBin());
+}
+
 // A client that takes a while to end on SIGTERM.
 static void EndSlowly(int) {
     usleep(1500 * 1000);
