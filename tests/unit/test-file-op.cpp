@@ -2,15 +2,9 @@
 
 #include "lib/file/file-op.h"
 #include "log/log.h"
-#include "log/tmp-name-gen.h"
 #include "tests/support/test-support.h"
 
 using namespace testsupport;
-
-// Pins the name engine to the state a fresh process has before it reseeds.
-struct TmpNameGenTestAccess {
-    static void Seed(uint64_t state) { TmpNameGen::getInstance().engine.seed(state); }
-};
 
 static mode_t Mode(const std::string& path) {
     struct stat st;
@@ -161,82 +155,21 @@ TEST_F(FileOpTest, WalkPastASubfolderThatCannotBeOpened) {
     EXPECT_TRUE(IsFileExist(dir / "w/closed/file", false));
 }
 
-// The type code GetFileInfo gives a path, or -1 when it fails.
-static int Type(const std::string& path) {
-    _FILE_INFO_tag info;
-    return GetFileInfo(path, info) == 0 ? info.type : -1;
-}
-
-// Each kind of file has its own code; a missing path is no failure.
-TEST_F(FileOpTest, TypesOfFiles) {
-    WriteFile(dir / "f", "x");
-    ASSERT_EQ(0, symlink("f", (dir / "l").c_str()));
-    ASSERT_EQ(0, mkfifo((dir / "fifo").c_str(), 0600));
-    EXPECT_EQ(FS_TYPE_FILE, Type(dir / "f"));
-    EXPECT_EQ(FS_TYPE_LINK, Type(dir / "l"));
-    EXPECT_EQ(FS_TYPE_FIFO, Type(dir / "fifo"));
-    EXPECT_EQ(FS_TYPE_DEVICE, Type("/dev/null"));
-    EXPECT_EQ(FS_TYPE_MISSING, Type(dir / "none"));
-}
-
-// Parents by text alone: "/a/" is no parent of "/a/b"; "/" is the parent of a bare name.
-TEST(FilePaths, ParentsByText) {
-    EXPECT_TRUE(FSIsParentFolder("/a", "/a/b"));
-    EXPECT_FALSE(FSIsParentFolder("/a", "/ab"));
-    EXPECT_FALSE(FSIsParentFolder("/a/", "/a/b"));
-    EXPECT_EQ("/", FSParentPath("a"));
-    EXPECT_EQ("/", FSParentPath("/"));
-    EXPECT_EQ("/a/b", FSParentPath("/a/b/"));
-}
-
 // The levels below a root are made one at a time; a root with a trailing '/' or longer than
 // the target is refused.
 TEST_F(FileOpTest, FoldersFromARoot) {
     const std::string root = dir / "r";
     MakeDirs(root);
     EXPECT_EQ(0, FSMKDirFromRoot(root + "/a/b", root));
-    EXPECT_EQ(FS_TYPE_FOLDER, Type(root + "/a/b"));
+    EXPECT_TRUE(IsFileExist(root + "/a/b", false));
     EXPECT_EQ(-1, FSMKDirFromRoot(root + "/c", root + "/"));
     EXPECT_EQ(-1, FSMKDirFromRoot(root, root + "/c"));
 }
 
-// A time past 2038 keeps its low 32 bits.
-TEST_F(FileOpTest, TimesPast2038) {
-    const long y2200 = 2200000000L;
-    _FILE_INFO_tag info;
-    WriteFile(dir / "f", "x");
-    EXPECT_EQ(0, FSUTime(dir / "f", y2200, y2200));
-    ASSERT_EQ(0, GetFileInfo(dir / "f", info));
-    EXPECT_EQ(static_cast<int32_t>(y2200 - 4294967296L), info.mtime);
-}
-
-// Temporary files are readable by all; the same seed gives the same temporary names; a missing
-// file needs no sync, but a missing file system cannot be synced.
-TEST_F(FileOpTest, TemporaryFilesAndSync) {
-    std::string temp, name;
-    EXPECT_EQ(0, FSMktemp(dir.path(), temp));
-    EXPECT_EQ(0644u, Mode(temp));
-    TmpNameGenTestAccess::Seed(1);
-    EXPECT_EQ(0, FSCreateTempPath(dir.path(), name));
-    EXPECT_EQ(dir / "08Mtye3H", name);
-    EXPECT_EQ(0, FSFsync(temp));
+// A missing file needs no sync, but a missing file system cannot be synced.
+TEST_F(FileOpTest, SyncOfAMissingPath) {
     EXPECT_EQ(1, FSFsync(dir / "none"));
     EXPECT_EQ(-1, FSSyncFs(dir / "none"));
-}
-
-// A file another user may not read is locked to them; a missing file is not locked, so it is
-// permitted. A local folder is neither a network nor a FAT file system, and a probe that fails
-// says so in the log.
-TEST_F(FileOpTest, AccessAndFileSystemProbes) {
-    WriteFile(dir / "private", "x");
-    chmod((dir / "private").c_str(), 0600);
-    EXPECT_EQ(1, RunAsUnprivileged([&] { return isFileLocked(dir / "private", R_OK); }));
-    EXPECT_FALSE(isFileLocked(dir / "none", R_OK));
-    EXPECT_TRUE(hasFilePermission(dir / "none", R_OK));
-    EXPECT_FALSE(isMountPoint(dir.path()));
-    EXPECT_FALSE(IsMSDOS(dir.path()));
-    EXPECT_FALSE(isMountPoint(dir / "none"));
-    EXPECT_NE(ReadFile(dir / "log").find("(880): isMountPoint: Failed to get"), std::string::npos);
 }
 
 // Owner and mode do not tell two records of a file apart; its name does.

@@ -92,6 +92,17 @@ TEST_F(ServiceTest, LaunchWithoutAStartScriptGivesZero) {
     EXPECT_EQ(0, LinuxService().LaunchPerUserBin());
 }
 
+// A package folder the user cannot read counts as copied: the rest of the package still comes.
+TEST_F(ServiceTest, UnreadablePackageFolderCountsAsCopied) {
+    ASSERT_TRUE(WriteFile(base / "pkg/closed/file", "x"));
+    ASSERT_TRUE(WriteFile(base / "pkg/open", "x"));
+    chmod((base / "pkg/closed").c_str(), 0);
+    chmod(base.path().c_str(), 0777);
+    const auto copy = [&] { return -LinuxService().FSCopyPath(base / "pkg", base / "copy"); };
+    EXPECT_EQ(0, RunAsUnprivileged(copy));
+    EXPECT_EQ("x", ReadFile(base / "copy/open"));
+}
+
 // A client that takes a while to end on SIGTERM.
 static void EndSlowly(int) {
     usleep(1500 * 1000);
