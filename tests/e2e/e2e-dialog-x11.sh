@@ -48,7 +48,7 @@ actions=$(xprop -id "$win" _NET_WM_ALLOWED_ACTIONS)
 [[ $actions == *_MOVE* && ! $actions =~ MAXIMIZE|MINIMIZE|FULLSCREEN|RESIZE ]] ||
     fail "openbox allows: $actions"
 [[ $(xwininfo -id "$win") == *"Width: 400"* ]] || fail "the dialog is not 400 pixels wide"
-xprop -id "$win" _NET_WM_ICON | grep -q 'Icon (72 x 72)' || fail "the dialog has no icon"
+[[ $(xprop -id "$win" _NET_WM_ICON) == *"Icon (72 x 72)"* ]] || fail "the dialog has no icon"
 xdotool key alt+F4
 wait "$launcher" || fail "exit code $?"
 wait_for_client >/dev/null || fail "no client after the dialog was closed"
