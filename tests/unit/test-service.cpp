@@ -117,19 +117,14 @@ static void EndSlowly(int) {
 static int Stop(const std::string& pid_file, const std::string& line, void (*handle)(),
                 time_t dated) {
     setpgid(0, 0);
-    sigset_t term;
-    sigemptyset(&term);
-    sigaddset(&term, SIGTERM);
-    sigprocmask(SIG_BLOCK, &term, nullptr);
+    handle();  // before the fork, so that the member handles SIGTERM so from its first moment
     const pid_t member = fork();
     if (member == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        handle();
-        sigprocmask(SIG_UNBLOCK, &term, nullptr);
         for (;;)
             pause();
     }
-    sigprocmask(SIG_UNBLOCK, &term, nullptr);
+    signal(SIGTERM, SIG_DFL);
     const long long offset = line == "+2^32" ? 1LL << 32 : line == "-2^32" ? -(1LL << 32) : 0;
     char text[64];
     snprintf(text, sizeof text, offset || line == "self" ? "pid=%lld" : line.c_str(),
