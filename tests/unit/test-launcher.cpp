@@ -103,4 +103,3 @@ TEST(Launcher, FailedUpgradeKeepsTheLastProgress) {
     EXPECT_EQ("Pre IsNeed Handle Post ", outcome.calls);
     EXPECT_EQ("1 40 unpacking", outcome.seen);
 }
-
