@@ -12,9 +12,9 @@
 #include <xcb/xcb.h>
 
 #include <cstdint>
-#include <memory>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include "launcher/notify-adapter.h"

@@ -58,16 +58,16 @@ void ReadVersionInfo(const std::string& path, Service::VersionInfo& version) {
     }
     QSettings ini(QString::fromUtf8(path.c_str()), QSettings::IniFormat);
     const struct {
-        const char* key;
+        const char* key;  // group/key
         std::string* field;
     } fields[] = {
-        {"major_version", &version.major_version},
-        {"minor_version", &version.minor_version},
-        {"build_version", &version.build_version},
-        {"icon_overlay_version", &version.icon_overlay_version},
+        {"Version/major_version", &version.major_version},
+        {"Version/minor_version", &version.minor_version},
+        {"Version/build_version", &version.build_version},
+        {"Version/icon_overlay_version", &version.icon_overlay_version},
     };
     for (const auto& f : fields) {
-        const QString key = QStringLiteral("Version/") + QLatin1String(f.key);
+        const QString key = QLatin1String(f.key);
         if (ini.contains(key)) {
             QString text = ini.value(key).toString();
 #if QT_VERSION_MAJOR >= 6
