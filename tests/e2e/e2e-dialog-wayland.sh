@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The dialog in a Wayland session (sway, headless), on the platform Qt picks there: floated at its
-# own size (400 pixels wide) and titled; the copy upgraded, the client started; a screenshot.
+# own size (400 pixels wide) and titled, until the login ends well; a screenshot.
 . "$(dirname "$0")/e2e-lib.sh"
 command -v sway >/dev/null && command -v grim >/dev/null && command -v jq >/dev/null ||
     { echo "SKIP: sway, grim or jq is not installed" && exit 77; }
@@ -27,6 +27,4 @@ wait_until "the copy to end" grep -q 'user installation is ready' "$LOG"
 sleep 0.5 && WAYLAND_DISPLAY=$display grim "$SHOTS/done.png" # the completion text at 100 %
 touch "$APP_DIR/package/start-stop.go"
 wait "$launcher" || fail "exit code $?"
-[[ "$(user_build)" == "$PKG_BUILD" ]] || fail "user copy is build '$(user_build)'"
-wait_for_client >/dev/null || fail "no client after the upgrade"
 echo "floating at its own size: $(jq -c '.rect' <<<"$node"); screenshot in $SHOTS"

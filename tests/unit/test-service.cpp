@@ -65,8 +65,7 @@ TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
     }
 }
 
-// INFO values are the text the launcher has always logged, each byte one character ("é": "Ã©"),
-// under Qt 6 too; only an escape ("\xe9": "é" under Qt 5) and non-UTF-8 bytes differ there.
+// Each byte of an INFO value is one character ("é": "Ã©"), under Qt 6 too; an escape is not.
 TEST_F(ServiceTest, InfoValuesTakeEachByteForOneCharacter) {
     ASSERT_TRUE(
         WriteFile(root + "/INFO", "[Version]\nmajor_version=3 \xc3\xa9\nminor_version=\\xe9\n"));
@@ -87,11 +86,6 @@ TEST_F(ServiceTest, ExtractPackageUnpacksTheArchiveIntoTheCopy) {
     EXPECT_EQ("[Version]\nbuild_version=121\n", ReadFile(app + "/INFO"));
 }
 
-// A start script that cannot run leaves the login going on, as any failed start does.
-TEST_F(ServiceTest, LaunchWithoutAStartScriptGivesZero) {
-    EXPECT_EQ(0, LinuxService().LaunchPerUserBin());
-}
-
 // A package folder the user cannot read counts as copied: the rest of the package still comes.
 TEST_F(ServiceTest, UnreadablePackageFolderCountsAsCopied) {
     ASSERT_TRUE(WriteFile(base / "pkg/closed/file", "x"));
@@ -109,15 +103,15 @@ static void EndSlowly(int) {
     _exit(7);
 }
 
-// Stops as the leader of a process group holding a member that handles SIGTERM as told. A line
-// with '=' is the pid file, %lld the member's pid; "self", "+2^32", "-2^32" name the stopper or
-// the member's pid plus or minus 2^32; dated, unless 0, is then the file's time. Then SIGUSR2
+// Stops as the leader of a process group holding a member whose SIGTERM action is on_term. A
+// line with '=' is the pid file, %lld the member's pid; "self", "+2^32", "-2^32" name the stopper
+// or the member's pid plus or minus 2^32; dated, unless 0, is then the file's time. SIGUSR2 then
 // ends the member if it still runs. Returns how it ended (the signal, or 64 + its exit code),
 // plus 100 when the stop took five seconds.
-static int Stop(const std::string& pid_file, const std::string& line, void (*handle)(),
+static int Stop(const std::string& pid_file, const std::string& line, sighandler_t on_term,
                 time_t dated) {
     setpgid(0, 0);
-    handle();  // before the fork, so that the member handles SIGTERM so from its first moment
+    signal(SIGTERM, on_term);  // before the fork: the member acts so from its first moment
     const pid_t member = fork();
     if (member == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -149,36 +143,32 @@ static int Stop(const std::string& pid_file, const std::string& line, void (*han
     return waited + (WIFSIGNALED(status) ? WTERMSIG(status) : 64 + WEXITSTATUS(status));
 }
 
-// A pid file missing, malformed, unreadable, a FIFO, or naming 0, a group, a pid out of range,
-// the launcher or a live process that did not write it: nothing signalled. A client that
-// ignores SIGTERM is the only one killed.
+// Only the process that wrote ui.pid is signalled, and only one that ignores SIGTERM is killed.
 TEST_F(ServiceTest, StopSignalsOnlyTheClientAndKillsOnlyOneThatIgnoresSigterm) {
     const std::string pid_file = quarn + "/ui.pid";
     ASSERT_TRUE(MakeDirs(quarn) && chown(quarn.c_str(), 65534, 65534) == 0);
     ASSERT_EQ(chmod(base.path().c_str(), 0755), 0);
     ASSERT_EQ(0, Logger::Initialize(Logger::TYPE_FILE, base / "log", "", 50, Logger::SCOPE_THREAD));
-    const auto stop = [&](const std::string& line, void (*handle)(), time_t dated = 0) {
+    const auto stop = [&](const std::string& line, sighandler_t on_term = SIG_DFL,
+                          time_t dated = 0) {
         fs::remove(pid_file);
         EXPECT_TRUE(line != "root" ||
                     (WriteFile(pid_file, "pid=1") && !chmod(pid_file.c_str(), 0600)));
         EXPECT_TRUE(line != "fifo" || mkfifo(pid_file.c_str(), 0666) == 0);
-        return RunAsUnprivileged([&] { return Stop(pid_file, line, handle, dated); });
+        return RunAsUnprivileged([&] { return Stop(pid_file, line, on_term, dated); });
     };
     for (const std::string line :
          {"", "fifo", "root", "x y=%lld", "pid=0", "pid=-0", "pid=abc", "pid=''", "other=%lld",
           "pid=-1", "pid= -2", "self", "+2^32", "-2^32"})
-        EXPECT_EQ(stop(line, [] {}), SIGUSR2) << line;
+        EXPECT_EQ(stop(line), SIGUSR2) << line;
     // Dated before this boot, before the member started, or ahead of the clock.
-    for (const time_t dated : {time_t{86400}, time(nullptr) - 10, time(nullptr) + 86400}) {
-        const auto keep_default = [] {};
-        EXPECT_EQ(stop("pid=%lld", keep_default, dated), SIGUSR2) << dated;
-    }
-    EXPECT_EQ(stop("# by the client\npid = \"%lld\"  # running\n", [] {}), SIGTERM);
-    EXPECT_EQ(stop("pid=%lld", [] { signal(SIGTERM, EndSlowly); }), 64 + 7);
-    EXPECT_EQ(stop("pid='%lld'", [] { signal(SIGTERM, SIG_IGN); }), 100 + SIGKILL);
+    for (const time_t dated : {time_t{86400}, time(nullptr) - 10, time(nullptr) + 86400})
+        EXPECT_EQ(stop("pid=%lld", SIG_DFL, dated), SIGUSR2) << dated;
+    EXPECT_EQ(stop("# by the client\npid = \"%lld\"  # running\n"), SIGTERM);
+    EXPECT_EQ(stop("pid=%lld", EndSlowly), 64 + 7);
+    EXPECT_EQ(stop("pid='%lld'", SIG_IGN), 100 + SIGKILL);
     Logger::Destroy();
-    // At the default level, a WARNING for each file not read (FIFO, root's, syntax error) and
-    // each live member left alone; nothing else.
+    // Only a WARNING for each file not read (FIFO, root's, syntax error) and member left alone.
     const std::string log = ReadFile(base / "log");
     const auto lines = [&](const char* pattern) {
         const std::regex line(pattern);
