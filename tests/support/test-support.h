@@ -20,8 +20,7 @@ namespace testsupport {
 
 namespace fs = std::filesystem;
 
-// A fresh folder under base, removed with everything in it when the object goes (the suite
-// runs as root, so what a test made read-only goes too).
+// A fresh folder under base, removed with all it holds (as root: read-only parts go too).
 class TempDir {
 public:
     explicit TempDir(const std::string& base = "/tmp") : path_(base + "/lq-test-XXXXXX") {

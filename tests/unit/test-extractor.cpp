@@ -76,8 +76,7 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
     std::string damaged = Archive(twelve);
     damaged.replace(damaged.find("f11") + 148, 8, "0000000", 8);  // the name opens the header
     testsupport::WriteFile(tmp / "damaged", damaged);
-    // One file whose stored name is empty: the writer refuses that, so "x" is blanked and its
-    // byte taken off the header's checksum.
+    // A file with an empty stored name, which the writer refuses: "x" blanked, checksum mended.
     std::string nameless = Archive({{"x", AE_IFREG, "a"}});
     nameless[0] = '\0';
     char checksum[8];
@@ -85,8 +84,7 @@ TEST(Extractor, ArchivesAndWhatTheyLeave) {
              std::stoul(nameless.substr(148, 6), nullptr, 8) - 'x');
     nameless.replace(148, 7, checksum, 7);
     testsupport::WriteFile(tmp / "nameless", nameless);
-    // Hostile: a file "through" a stored link lands where it points, an absolute name stays
-    // below the target, "../x" is refused.
+    // A file through a stored link lands where it points, "/..." stays below, "../x" is refused.
     testsupport::WriteFile(tmp / "hostile", Archive({{"escape", AE_IFLNK, outside},
                                                      {"escape/planted", AE_IFREG, "p"},
                                                      {absolute, AE_IFREG, "x"},
