@@ -65,7 +65,7 @@ TEST_F(ServiceTest, UpgradeDecisionFollowsBuildsAndTheUiExecutable) {
     }
 }
 
-// Each byte of an INFO value is one character ("é": "Ã©"), under Qt 6 too; an escape is not.
+// Each byte of an INFO value is one character ("é": "Ã©") in Qt 6 too; Qt 5 alone reads "\xe9".
 TEST_F(ServiceTest, InfoValuesTakeEachByteForOneCharacter) {
     ASSERT_TRUE(
         WriteFile(root + "/INFO", "[Version]\nmajor_version=3 \xc3\xa9\nminor_version=\\xe9\n"));
