@@ -33,10 +33,10 @@ run_launcher() {
         "$@" "$ROOT/bin/cloud-quarn-launcher"
 }
 login() { run_launcher "$@" || fail "launcher exit code $?"; }  # [VARIABLE=value...]
-# Up to a minute, as the machine may be busy: until the command succeeds, else the test fails.
+# Up to two minutes, as a busy machine is slow: until the command succeeds, else the test fails.
 wait_until() {  # what is awaited, command...
-    local i; for i in $(seq 600); do "${@:2}" && return 0 || sleep 0.1; done
-    fail "gave up after 60 s waiting for $1"
+    local end=$((SECONDS + 120))
+    until "${@:2}"; do ((SECONDS < end)) || fail "gave up after 120 s waiting for $1"; sleep 0.1; done
 }
 client_pid() {  # [old pid]: the live client named in ui.pid, if not the given one
     local p; p=$(sed -n 's/^pid=//p' "$USER_DIR/ui.pid" 2>/dev/null) || :
